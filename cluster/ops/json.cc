@@ -1,0 +1,35 @@
+#include "cluster/ops/json.h"
+
+#include <cstring>
+
+namespace tarn {
+
+Json parse_json(const char *text) {
+  return Json(text != nullptr ? json_tokener_parse(text) : nullptr);
+}
+
+json_object *find_member(const json_object *object, const char *key) {
+  json_object *member = nullptr;
+  // Asking a value that is no object for members would be an error of its own.
+  if (!json_object_is_type(object, json_type_object)) return nullptr;
+  return json_object_object_get_ex(object, key, &member) != 0 ? member : nullptr;
+}
+
+const char *find_text(const json_object *object, const char *key) {
+  json_object *member = find_member(object, key);
+  if (!json_object_is_type(member, json_type_string)) return nullptr;
+  const char *text = json_object_get_string(member);
+  return strlen(text) == static_cast<size_t>(json_object_get_string_len(member)) ? text : nullptr;
+}
+
+Json_Builder &Json_Builder::add(const char *key, json_object *value) {
+  Json owned(value);
+  if (object_ && owned && json_object_object_add(object_.get(), key, value) == 0) {
+    static_cast<void>(owned.release());
+  } else {
+    object_.reset();
+  }
+  return *this;
+}
+
+}  // namespace tarn

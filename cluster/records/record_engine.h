@@ -1,0 +1,91 @@
+// One engine for every family of records: a family is a table of fields with its own orders and limits, and the few
+// words in which its messages differ. Adding a key to a record is one line of its table.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "conf/nodes.h"
+
+namespace tarn {
+
+enum class Field_Kind : uint8_t { int32, int64, text };
+
+struct Record_Field {
+  const char *key;
+  uint32_t bit;
+  Field_Kind kind;
+  uint16_t offset;
+  uint16_t list_limit;    // bytes that the list reader takes of a text, terminator included
+  uint16_t single_limit;  // and the reader of a single section
+  uint8_t create_rank;    // place among the keys of a new section
+  uint8_t update_rank;    // place in which an existing section is updated
+};
+
+// The section's name in the record.
+struct Record_Name {
+  uint16_t offset;
+  uint16_t size;       // a name of this length or longer is kept without terminator
+  uint32_t bit;        // renames the section in an update
+  uint32_t list_bits;  // set by the list reader for a name that is not empty
+};
+
+struct Record_Family {
+  size_t record_size;
+  size_t fields_offset;  // of the mask; the link to the next record stands at 0
+  uint32_t known_bits;
+  Record_Name name;
+  std::span<const Record_Field> fields;   // in the order in which they are read
+  std::span<const uint8_t> create_order;  // positions in fields
+  std::span<const uint8_t> update_order;
+  const char *create_function;  // the name under which a failed section is reported
+  const char *noun;             // "... the sect node for NOUN NAME error!"
+  const char *list_noun;        // "Translate NOUN list to section Node error!"
+  const char *structure_noun;   // "... to a Tarn NOUN structure!"
+};
+
+// The positions of a table's fields, sorted by one of the ranks.
+template <size_t count>
+constexpr std::array<uint8_t, count> positions_by(uint8_t Record_Field::*rank,
+                                                  const std::array<Record_Field, count> &fields) {
+  std::array<uint8_t, count> positions{};
+  for (size_t i = 0; i < count; ++i) positions[i] = static_cast<uint8_t>(i);
+  std::sort(positions.begin(), positions.end(),
+            [&](uint8_t a, uint8_t b) { return fields[a].*rank < fields[b].*rank; });
+  return positions;
+}
+
+// Whether a long text always stays within the record, whatever field it runs on into.
+template <size_t count>
+constexpr bool limits_stay_within(size_t record_size, const std::array<Record_Field, count> &fields) {
+  return std::all_of(fields.begin(), fields.end(), [&](const Record_Field &field) {
+    return static_cast<size_t>(field.offset) + std::max(field.list_limit, field.single_limit) <= record_size;
+  });
+}
+
+// Each of the following reports under the name of the exported function that is handed in.
+
+void release_records(void *list);
+
+int sections_to_records(const Record_Family &family, const char *function, const Sect_Node *sections, void **out);
+int records_to_sections(const Record_Family &family, const char *function, const void *list, Sect_Node **out);
+int section_to_record(const Record_Family &family, const char *function, const Sect_Node *section, void **out);
+int update_section(const Record_Family &family, const void *record, Sect_Node *section);
+
+// The file operations; those that write are for who holds the lock.
+int read_records(const Record_Family &family, const char *function, const char *path, void **out);
+int write_records(const Record_Family &family, const char *function, const char *path, const void *list);
+int get_record(const Record_Family &family, const char *function, const char *path, const char *name, void **out);
+int set_record(const Record_Family &family, const char *function, const char *path, const char *name,
+               const void *record);
+
+// Whether a record is given that has nothing to say: Set then does nothing at all.
+bool sets_nothing(const Record_Family &family, const void *record);
+
+int report_no_lock_for_set(const char *function, const char *path);
+int report_no_lock_for_write(const char *function, const char *path);
+
+}  // namespace tarn

@@ -1,0 +1,18 @@
+# Flags that every target of this tree is built with.
+add_library(tarn_build_flags INTERFACE)
+target_compile_options(tarn_build_flags INTERFACE -Wall -Wextra -Wshadow)
+
+if(TARN_WARNINGS_ARE_ERRORS)
+  target_compile_options(tarn_build_flags INTERFACE -Werror)
+endif()
+
+if(TARN_SANITIZE)
+  # -D_FORTIFY_SOURCE would hide libc calls from the sanitizer.
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(TARN_HARDEN)
+  add_compile_options(-D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection)
+  add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()

@@ -1,0 +1,159 @@
+#include "include/tarncluster_util.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace tarn {
+namespace {
+
+// A date's parts in the order in which a layout shows them.
+enum class Date_Order { year_month_day, month_day_year, day_month_year };
+
+struct Date_Format {
+  const char *pattern;
+  Date_Order order;
+  char separator;
+};
+
+constexpr std::array<Date_Format, 9> date_formats{{
+    {"%Y/%m/%d", Date_Order::year_month_day, '/'},
+    {"%Y.%m.%d", Date_Order::year_month_day, '.'},
+    {"%F", Date_Order::year_month_day, '-'},
+    {"%m/%d/%Y", Date_Order::month_day_year, '/'},
+    {"%m.%d.%Y", Date_Order::month_day_year, '.'},
+    {"%m-%d-%Y", Date_Order::month_day_year, '-'},
+    {"%d/%m/%Y", Date_Order::day_month_year, '/'},
+    {"%d.%m.%Y", Date_Order::day_month_year, '.'},
+    {"%d-%m-%Y", Date_Order::day_month_year, '-'},
+}};
+
+constexpr size_t hand_built_size = 64;
+
+const Date_Format &date_format_of(int code) {
+  const bool known = code >= 1 && static_cast<size_t>(code) <= date_formats.size();
+  return date_formats[known ? static_cast<size_t>(code) - 1 : 0];
+}
+
+// The caller's buffer holds at least `promised` bytes, even where its size says less.
+void copy_hand_built(const char *text, char *buffer, int size, int promised) {
+  const size_t room = static_cast<size_t>(std::max(size, promised));
+  const size_t length = std::min(strlen(text), room - 1);
+  memcpy(buffer, text, length);
+  buffer[length] = '\0';
+}
+
+void build_date(const struct tm &local, const Date_Format &format, char *text) {
+  char year[16];
+  char month[16];
+  char day[16];
+  snprintf(year, sizeof year, "%.4d", local.tm_year + 1900);
+  snprintf(month, sizeof month, "%.2d", local.tm_mon + 1);
+  snprintf(day, sizeof day, "%.2d", local.tm_mday);
+  const char *parts[3] = {year, month, day};
+  if (format.order == Date_Order::month_day_year) {
+    parts[0] = month, parts[1] = day, parts[2] = year;
+  } else if (format.order == Date_Order::day_month_year) {
+    parts[0] = day, parts[1] = month, parts[2] = year;
+  }
+  snprintf(text, hand_built_size, "%s%c%s%c%s", parts[0], format.separator, parts[1], format.separator, parts[2]);
+}
+
+// Differs from the patterns on purpose: capitals, and hours 0 to 11. Callers know both forms.
+void build_time(const struct tm &local, bool with_seconds, bool twelve_hours, char *text) {
+  const bool afternoon = local.tm_hour >= 12;
+  const int hour = twelve_hours && afternoon ? local.tm_hour - 12 : local.tm_hour;
+  const char *suffix = twelve_hours ? (afternoon ? " PM" : " AM") : "";
+  if (with_seconds) {
+    snprintf(text, hand_built_size, "%.2d:%.2d:%.2d%s", hour, local.tm_min, local.tm_sec, suffix);
+  } else {
+    snprintf(text, hand_built_size, "%.2d:%.2d%s", hour, local.tm_min, suffix);
+  }
+}
+
+const char *time_pattern(bool with_seconds, bool twelve_hours) {
+  if (twelve_hours) return with_seconds ? "%I:%M:%S %P" : "%I:%M %P";
+  return with_seconds ? "%T" : "%H:%M";
+}
+
+// strftime leaves its buffer in any state when the text does not fit, so it works on one of its own.
+bool format_by_pattern(const struct tm &local, const char *pattern, char *buffer, int size) {
+  char text[hand_built_size];
+  const size_t length = strftime(text, std::min(sizeof text, static_cast<size_t>(size)), pattern, &local);
+  if (length == 0) return false;
+  memcpy(buffer, text, length + 1);
+  return true;
+}
+
+}  // namespace
+}  // namespace tarn
+
+int Change_Date_To_String_By_Format_Ex(time_t time, char *buffer, int size, int date_format) {
+  constexpr int promised_bytes = 11;
+  struct tm local;
+  if (buffer == nullptr || size < 1 || localtime_r(&time, &local) == nullptr) return -EINVAL;
+
+  const tarn::Date_Format &format = tarn::date_format_of(date_format);
+  if (tarn::format_by_pattern(local, format.pattern, buffer, size)) return 0;
+  char text[tarn::hand_built_size];
+  tarn::build_date(local, format, text);
+  tarn::copy_hand_built(text, buffer, size, promised_bytes);
+  return 0;
+}
+
+int Change_Time_To_String_By_Format_Ex(time_t time, char *buffer, int size, int mode, int hour_system) {
+  constexpr int promised_bytes = 12;
+  struct tm local;
+  if (buffer == nullptr || size < 1 || localtime_r(&time, &local) == nullptr) return -EINVAL;
+
+  const bool with_seconds = mode != 1;
+  const bool twelve_hours = hour_system == 12;
+  if (tarn::format_by_pattern(local, tarn::time_pattern(with_seconds, twelve_hours), buffer, size)) return 0;
+  char text[tarn::hand_built_size];
+  tarn::build_time(local, with_seconds, twelve_hours, text);
+  tarn::copy_hand_built(text, buffer, size, promised_bytes);
+  return 0;
+}
+
+int Time_Unit_Conversion(unsigned int seconds, int *parts, char *text, int text_size) {
+  if (parts == nullptr && text == nullptr) return -EINVAL;
+  const int split[4] = {static_cast<int>(seconds % 60), static_cast<int>(seconds / 60 % 60),
+                        static_cast<int>(seconds / 3600 % 24), static_cast<int>(seconds / 86400)};
+  if (parts != nullptr) memcpy(parts, split, sizeof split);
+  if (text == nullptr) return 0;
+
+  static constexpr const char *names[4] = {"second", "minute", "hour", "day"};
+  char whole[64];
+  size_t length = 0;
+  for (size_t unit = 4; unit-- > 0;) {
+    if (unit > 0 && split[unit] == 0) continue;
+    length += static_cast<size_t>(snprintf(whole + length, sizeof whole - length, "%s%d %s%s", length > 0 ? " " : "",
+                                           split[unit], names[unit], split[unit] > 1 ? "s" : ""));
+  }
+  if (text_size < 1 || length + 1 > static_cast<size_t>(text_size)) return -EOVERFLOW;
+  memcpy(text, whole, length + 1);
+  return 0;
+}
+
+void Sleep_MSec(unsigned int milliseconds) {
+  struct timespec left = {static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1000000L};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) continue;
+}
+
+uint64_t Rough_Tick() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
+}
+
+// Not clamped when the clock stepped back: the locks' rule for stamps in the future rests on the wrap.
+uint64_t Rough_Tick_Diff(uint64_t earlier) {
+  return Rough_Tick() - earlier;
+}
+
+uint64_t Tick_Diff(uint64_t earlier) {
+  return Rough_Tick_Diff(earlier);
+}

@@ -1,0 +1,223 @@
+#include "fsutil/lock_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <type_traits>
+
+#include "foundation/owners.h"
+#include "foundation/report.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char *lock_folder = "/var/lock";
+constexpr uint64_t stale_age_ms = 599999;      // a lock older than this is stale
+constexpr uint64_t invalid_content_ms = 2000;  // a lock without proper content is stale after longer than this
+constexpr unsigned poll_interval_ms = 1;
+
+// What a lock file holds. Other programs read and write it byte for byte.
+struct Lock_Record {
+  int64_t stamp;  // milliseconds since the epoch at which the owner began to wait
+  int pid;
+  int reserved;  // zero; readers ignore it
+};
+static_assert(sizeof(Lock_Record) == 16 && std::is_trivially_copyable_v<Lock_Record>);
+
+class Lock_Path {
+ public:
+  // The format takes the folder and the base name of the protected file's path.
+  static Lock_Path owned(const char *path) { return Lock_Path(path, "_"); }
+  static Lock_Path foreign(const char *path) { return Lock_Path(path, ""); }
+
+  // False when the name is too long: cut, it would be the lock of other files, too.
+  bool fits() const { return fits_; }
+  const char *text() const { return text_; }
+
+ private:
+  Lock_Path(const char *path, const char *mark) {
+    const char *name = path;
+    Get_Filename(path, &name);
+    const int length = snprintf(text_, sizeof text_, "%s/%s%s.lck", lock_folder, mark, name);
+    fits_ = length > 0 && static_cast<size_t>(length) < sizeof text_;
+  }
+
+  char text_[256];
+  bool fits_;
+};
+
+bool same_file(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Takes the judged file away from a path that may by now name another file, a lock that is in use. Between several
+// waiters, one wins: the file is renamed aside and looked at again before it is removed. Returns whether the path may
+// be free now.
+bool take_away(const char *path, const struct stat &judged) {
+  struct stat status;
+  if (lstat(path, &status) != 0) return errno == ENOENT;
+  if (!same_file(status, judged)) return true;
+  if (S_ISDIR(judged.st_mode)) return false;
+
+  char aside[64];
+  snprintf(aside, sizeof aside, "%s/.%d.%d.stale", lock_folder, getpid(), gettid());
+  if (rename(path, aside) != 0) return errno == ENOENT;
+  const bool taken = lstat(aside, &status) == 0 && same_file(status, judged);
+  // What was caught is a lock in use: it goes back, unless yet another one stands there by now.
+  if (!taken && link(aside, path) != 0 && errno != EEXIST) return rename(aside, path) == 0 && taken;
+  Druvo_Really_Unlink(aside);
+  return taken;
+}
+
+// One call that waits for a lock file to go, and what it has seen so far.
+class Lock_Wait {
+ public:
+  Lock_Wait(const char *function, const char *lock_path, int timeout_ms)
+      : function_(function), lock_path_(lock_path), timeout_ms_(timeout_ms), start_(Rough_Tick()) {}
+
+  uint64_t start() const { return start_; }
+
+  // Looks at the lock file once; true when it was stale and taken away.
+  bool removes_stale_lock();
+
+  // Waits a little; false when the time is over.
+  bool sleeps_within_limit() const;
+
+ private:
+  bool judge_record(const Lock_Record &record, const struct stat &status) const;
+  bool judge_invalid_content(const struct stat &status);
+
+  const char *function_;
+  const char *lock_path_;
+  int timeout_ms_;
+  uint64_t start_;
+  uint64_t first_seen_ = 0;  // when content that is not valid was first seen
+  int32_t seen_mtime_ = 0;   // and the file's modification time then
+};
+
+bool Lock_Wait::removes_stale_lock() {
+  // Never blocks on a FIFO and never follows a link that somebody planted in the world-writable folder.
+  const Descriptor file(open(lock_path_, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY));
+  if (!file) return false;
+  Lock_Record record;
+  const bool valid = read(file.get(), &record, sizeof record) == static_cast<ssize_t>(sizeof record);
+  struct stat status;
+  if (fstat(file.get(), &status) != 0) return false;
+  return valid ? judge_record(record, status) : judge_invalid_content(status);
+}
+
+bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &status) const {
+  // The clock is read after the file: a lock taken in between would seem to come from the future. The difference is
+  // unsigned on purpose: a stamp that does lie in the future counts as expired.
+  const uint64_t age = Rough_Tick() - static_cast<uint64_t>(record.stamp);
+  if (age <= stale_age_ms && Is_Process_Existed(record.pid) == 1) return false;
+  if (Is_Process_Existed(record.pid) != 1) {
+    TARN_DEBUG_AS(function_, "Remove \"%s\" because proc %d is not existed!", lock_path_, record.pid);
+  } else {
+    TARN_DEBUG_AS(function_, "Remove \"%s\" because time expired (%lld)!", lock_path_, static_cast<long long>(age));
+  }
+  return take_away(lock_path_, status);
+}
+
+bool Lock_Wait::judge_invalid_content(const struct stat &status) {
+  const uint64_t now = Rough_Tick();
+  const auto mtime = static_cast<int32_t>(status.st_mtim.tv_sec);
+  const bool watched_long_enough = first_seen_ != 0 && now - first_seen_ > invalid_content_ms;
+  if (first_seen_ == 0 || (watched_long_enough && mtime != seen_mtime_)) {
+    first_seen_ = now;
+    seen_mtime_ = mtime;
+    return false;
+  }
+  if (!watched_long_enough) return false;
+  // The writer died between making the file and filling it. The number printed means nothing; it is kept for those who
+  // know the line.
+  TARN_DEBUG_AS(function_, "Remove \"%s\" because invalid content and timeout (%lld)!", lock_path_,
+                static_cast<long long>(now) - 100LL * mtime);
+  return take_away(lock_path_, status);
+}
+
+bool Lock_Wait::sleeps_within_limit() const {
+  const uint64_t elapsed = Rough_Tick_Diff(start_);
+  if (timeout_ms_ >= 0 && elapsed > static_cast<uint64_t>(timeout_ms_)) {
+    TARN_ERROR_AS(function_, "Get lock file \"%s\" timeout! (%lld < %d)", lock_path_, static_cast<long long>(elapsed),
+                  timeout_ms_);
+    return false;
+  }
+  Sleep_MSec(poll_interval_ms);
+  return true;
+}
+
+// Fills the new lock file; without its content it must not stay.
+bool write_record(const char *function, const char *lock_path, int fd, uint64_t start) {
+  const Lock_Record record = {static_cast<int64_t>(start), getpid(), 0};
+  if (write(fd, &record, sizeof record) == static_cast<ssize_t>(sizeof record)) return true;
+  TARN_ERROR_AS(function, "Can't write lock file \"%s\" content error!", lock_path);
+  Druvo_Really_Unlink(lock_path);
+  return false;
+}
+
+}  // namespace
+}  // namespace tarn
+
+int Get_File_Lock(const char *path, int timeout_ms) {
+  if (path == nullptr) return 0;
+  const tarn::Lock_Path lock_path = tarn::Lock_Path::owned(path);
+  if (!lock_path.fits()) return 0;
+
+  tarn::Lock_Wait wait(__func__, lock_path.text(), timeout_ms);
+  do {
+    do {
+      const tarn::Descriptor file(open(lock_path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
+      if (file) return tarn::write_record(__func__, lock_path.text(), file.get(), wait.start()) ? 1 : 0;
+    } while (wait.removes_stale_lock());
+  } while (wait.sleeps_within_limit());
+  return 0;
+}
+
+int Release_File_Lock(const char *path) {
+  if (path == nullptr) return 0;
+  const tarn::Lock_Path lock_path = tarn::Lock_Path::owned(path);
+  if (lock_path.fits()) Druvo_Really_Unlink(lock_path.text());
+  return 1;
+}
+
+int Check_File_Lock(const char *path, int timeout_ms) {
+  if (path == nullptr) return 0;
+  const tarn::Lock_Path lock_path = tarn::Lock_Path::foreign(path);
+  if (!lock_path.fits()) return 0;
+
+  tarn::Lock_Wait wait(__func__, lock_path.text(), timeout_ms);
+  struct stat status;
+  do {
+    do {
+      if (stat(lock_path.text(), &status) != 0) return 0;
+    } while (wait.removes_stale_lock());
+  } while (wait.sleeps_within_limit());
+  return 0;
+}
+
+int Open_Shared_File(const char *path, const char *mode, FILE **stream) {
+  if (path == nullptr || mode == nullptr || stream == nullptr) return -EINVAL;
+  *stream = nullptr;
+  if (Get_File_Lock(path, tarn::file_lock_wait_ms) != 1) {
+    TARN_DEBUG("Can't get file lock of %s error!", path);
+    return -ETIME;
+  }
+  *stream = fopen(path, mode);
+  if (*stream == nullptr) {
+    const int status = -errno;  // the release below changes errno
+    Release_File_Lock(path);
+    return status;
+  }
+  fcntl(fileno(*stream), F_SETFD, FD_CLOEXEC);
+  return 0;
+}
+
+int Close_Shared_File(const char *path, FILE *stream) {
+  if (path == nullptr || stream == nullptr) return -EINVAL;
+  Release_File_Lock(path);
+  return fclose(stream) == 0 ? 0 : -errno;
+}

@@ -1,0 +1,801 @@
+/*
+ * libtarncluster_util: the shared library under the programs of a cluster of storage appliances.
+ *
+ * This is the library's one public header. It compiles as C11 and as C++17.
+ *
+ * Conventions, said once:
+ *
+ *  - A status is an int: 0 is success, a negated errno value is failure. Where a function answers with a count, an
+ *    index or yes/no instead, its comment says so.
+ *  - Arguments are checked first: a missing (null) required argument is -EINVAL and nothing has been done.
+ *  - What a function allocates for its caller belongs to the caller and goes back with free() or with the family's
+ *    Free_... or Release_... function. Nodes and records that are passed in stay the caller's.
+ *  - Trouble is reported as one line on g_ptslLog, when there is one: error lines when g_idLogLevel is 1 or more,
+ *    debug lines when it is 3 or more.
+ *  - The library starts no thread and keeps no state of its own beyond the globals declared here. Unless its comment
+ *    says otherwise, a function may be called from several threads at once as long as they do not share the objects
+ *    that are passed in.
+ *  - "Takes the lock" means the lock file of the path in question (see "Lock files"), waited for up to 10000 ms.
+ */
+#ifndef TARNCLUSTER_UTIL_H
+#define TARNCLUSTER_UTIL_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
+
+/* Marks what the library exports; everything else in it is hidden. The list of exported names is made from this mark.
+ */
+#define TARN_API __attribute__((visibility("default")))
+
+#define TARN_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Log and diagnostics
+ *
+ *     Simp_Log *log = NULL;
+ *     if (Simp_Log_Create("/var/log/example.log", &log, 24, 3, 0) == 0 && Simp_Log_Open(log, 0) == 0)
+ *       g_ptslLog = log;
+ *     ...
+ *     g_ptslLog = NULL;
+ *     Simp_Log_Release(log);
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** A log handle. It is closed after creation, open after Simp_Log_Open; a console handle writes to standard output. */
+typedef struct Simp_Log {
+  FILE *stream;              /**< stream of the log file; stdout for a console handle; null while closed */
+  uint16_t hour_system;      /**< 12 or 24; anything else means 24 */
+  uint16_t date_format;      /**< date format code, 1 to 9; anything else means 1 */
+  __extension__ char path[]; /**< absolute path of the log file; empty for a console handle */
+} Simp_Log;
+
+/** The handle that the whole library reports to; null (the default) means no diagnostics at all. */
+extern TARN_API Simp_Log *g_ptslLog;
+
+/** Level gate: error lines at 1 (the default) or more, debug lines at 3 or more; 0 or less silences the library. */
+extern TARN_API int g_idLogLevel;
+
+/**
+ * Creates a log handle, closed. Missing parent folders of the path are made (mode 0755); a parent that is no folder is
+ * removed and a folder made in its place.
+ *
+ * @param path         absolute path of the log file, below 4096 bytes; null makes a console handle
+ * @param out          receives the handle; the caller gives it back with Simp_Log_Release
+ * @param hour_system  12 or 24
+ * @param date_format  date format code 1 to 9, see Change_Date_To_String_By_Format_Ex
+ * @param truncate     not 0: the file is emptied (or created) at once; trouble with that is logged, not returned
+ * @return 0; -EINVAL (no out, or a path that does not begin with "/": out untouched); -ENAMETOOLONG; -ENOMEM; -errno of
+ *         the folder that could not be removed or made
+ */
+TARN_API int Simp_Log_Create(const char *path, Simp_Log **out, int hour_system, int date_format, int truncate);
+
+/**
+ * Opens the handle's file for appending, or emptied when truncate is not 0. An open stream is closed first. Does
+ * nothing on a console handle.
+ *
+ * @return 0, -EINVAL, or -errno of the open; the handle is closed after a failure
+ */
+TARN_API int Simp_Log_Open(Simp_Log *handle, int truncate);
+
+/** Closes the handle's stream; a console handle is flushed only. Returns 0, or -EINVAL for a null handle. */
+TARN_API int Simp_Log_Close(Simp_Log *handle);
+
+/** Closes and frees a handle; null is ignored. Standard output is never closed. */
+TARN_API void Simp_Log_Release(Simp_Log *handle);
+
+/**
+ * Writes one line: date and time, the message, and one newline. There is no level gate here. Before a line goes to a
+ * file, a foreign lock on the log (see Check_File_Lock) is waited for up to 10000 ms; the lock is not taken.
+ *
+ * A null or closed handle prints to standard output with 24 hours and the date as year-month-day. A message that
+ * overflows the 4176-byte line only because of the prefix is cut.
+ *
+ * The handle has no lock: threads that share one rely on the stream's own.
+ *
+ * @return 0; -EINVAL (no format); -EOVERFLOW or -errno when the message has 4176 characters or more or cannot be
+ *         formatted; -ETIME; -EIO when not all bytes were written
+ */
+TARN_API int Simp_Log_Write(Simp_Log *handle, const char *format, ...) TARN_PRINTF(2, 3);
+
+/**
+ * Writes the prefix of a log line: "[", date, blank, time with seconds, "] ".
+ *
+ * @param t            seconds since the epoch, shown in local time
+ * @param buffer       receives the prefix; 40 bytes are always enough
+ * @param hour_system  12 or 24
+ * @param date_format  date format code 1 to 9
+ * @return 0, or -EINVAL for a null buffer
+ */
+TARN_API int Log_DateTime_Format(time_t t, char *buffer, int hour_system, int date_format);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Text, numbers, time
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Formats the local date of a time.
+ *
+ *     1 2026/11/21   2 2026.11.21   3 2026-11-21   4 11/21/2026   5 11.21.2026
+ *     6 11-21-2026   7 21/11/2026   8 21.11.2026   9 21-11-2026
+ *
+ * @param buffer       receives the text; give at least 11 bytes, whatever the size says: a date that does not fit is
+ *                     built by hand and copied over at most the greater of size and 11 bytes
+ * @param size         bytes in the buffer
+ * @param date_format  1 to 9; any other code means 1
+ * @return 0; -EINVAL (no buffer, a size below 1, a time that has no local date: buffer untouched)
+ */
+TARN_API int Change_Date_To_String_By_Format_Ex(time_t time, char *buffer, int size, int date_format);
+
+/**
+ * Formats the local time of day, for example "17:08:09", or "05:08:09 pm" in the 12-hour system.
+ *
+ * When the text does not fit it is built by hand with "AM" and "PM" in capitals and the hours 0 to 11 (noon reads
+ * "00:00 PM"); callers depend on both forms.
+ *
+ * @param buffer       receives the text; give at least 12 bytes, whatever the size says
+ * @param size         bytes in the buffer
+ * @param mode         1: hours and minutes; any other: with seconds
+ * @param hour_system  12, any other means 24
+ * @return 0; -EINVAL as for the date
+ */
+TARN_API int Change_Time_To_String_By_Format_Ex(time_t time, char *buffer, int size, int mode, int hour_system);
+
+/**
+ * Reads a decimal number: an optional "-", then digits up to the first other character. No blanks are skipped and there
+ * is no overflow check (the value wraps).
+ *
+ * @return number of digits read, the sign not counted (0 with the value 0 when there is none); -EINVAL
+ */
+TARN_API int Decimal_String_To_Integer(const char *text, int64_t *value);
+
+/**
+ * Writes a number in decimal.
+ *
+ * @param buffer  at least 32 bytes, whatever the size says
+ * @param size    must point to 1 or more; only read
+ * @return 0, or -EINVAL
+ */
+TARN_API int Integer_To_Decimal_String(char *buffer, int *size, int64_t value);
+
+/** Swaps two numbers; does nothing when either pointer is null. */
+TARN_API void Swap_Integer(int *a, int *b);
+
+/**
+ * Copies a text to the heap.
+ *
+ * @param copy    receives the copy (free() it), or null on failure
+ * @param length  receives the length without terminator; may be null
+ * @return 0, -EINVAL, -ENOMEM
+ */
+TARN_API int Clone_String(const char *text, char **copy, int *length);
+
+/**
+ * Answers 1 when the first `length` characters of "TRUE" equal those of the text, without regard to case, else 0. A
+ * length of 0 answers 1; a null text or a negative length answers 0.
+ */
+TARN_API int Str_To_Bool(const char *text, int length);
+
+/**
+ * Scales a size in bytes to a unit of "byte", "KB", "MB", "GB" or "TB". Exactly 1024 stays in the lower unit.
+ *
+ * @param value      receives the scaled value, computed in float
+ * @param unit       receives the unit's text
+ * @param unit_size  bytes in unit
+ * @return 0, -EINVAL, -EOVERFLOW when the unit's text does not fit (the value is set)
+ */
+TARN_API int Size_Unit_Conversion(uint64_t size, float *value, char *unit, int unit_size);
+
+/**
+ * Splits a duration, for example 7322 seconds into "2 hours 2 minutes 2 seconds".
+ *
+ * @param parts      receives four numbers: seconds, minutes, hours, days; may be null
+ * @param text       receives the text; may be null when parts is not
+ * @param text_size  bytes in text
+ * @return 0, -EINVAL when both outputs are null, -EOVERFLOW when the text does not fit (the parts are set)
+ */
+TARN_API int Time_Unit_Conversion(unsigned int seconds, int *parts, char *text, int text_size);
+
+/** Sleeps for the whole time, signals notwithstanding. */
+TARN_API void Sleep_MSec(unsigned int milliseconds);
+
+/** Milliseconds since the epoch by the wall clock. */
+TARN_API uint64_t Rough_Tick(void);
+
+/** Milliseconds since an earlier tick; wraps to a huge number when the clock was set back behind it. */
+TARN_API uint64_t Rough_Tick_Diff(uint64_t earlier);
+
+/** The same as Rough_Tick_Diff. */
+TARN_API uint64_t Tick_Diff(uint64_t earlier);
+
+/** Removes a file, by the appliance kernel's own call where there is one. Returns 0, or -1 with errno set. */
+TARN_API int Druvo_Really_Unlink(const char *path);
+
+/**
+ * Removes "folder/name" (the folder alone when the name is empty and the flags are 0) with unlink, or with rmdir when
+ * the flags hold AT_REMOVEDIR.
+ *
+ * @param dir_fd  not used: the path is relative to the working directory
+ * @return 0; -1 with errno set (ENAMETOOLONG for 4096 bytes or more); -EINVAL for a null folder or name
+ */
+TARN_API int Druvo_Unlinkat(int dir_fd, const char *folder, const char *name, int flags);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Processes
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Asks whether a process exists, by sending it signal 0.
+ *
+ * @return 1 yes (a zombie too); 0 no, or a pid below 1; -errno otherwise (-EPERM for a process of another user)
+ */
+TARN_API int Is_Process_Existed(int pid);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Lock files and shared files
+ *
+ * One lock file for a protected file, "/var/lock/_NAME.lck" for the base name NAME: files of the same base name share a
+ * lock, wherever they lie. A lock is taken by creating its file, and given back by removing it; it excludes processes
+ * and threads alike and is not reentrant. A lock whose owner is gone, one taken more than 10 minutes ago, and one that
+ * stays without proper content for more than 2 seconds is removed by whoever waits for it.
+ *
+ *     if (Get_File_Lock("/etc/config/example.conf", 10000) == 1) {
+ *       ...
+ *       Release_File_Lock("/etc/config/example.conf");
+ *     }
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** Points name at the text behind the path's last "/" (at the path itself when it has none). Returns 0 or -EINVAL. */
+TARN_API int Get_Filename(const char *path, const char **name);
+
+/**
+ * Takes the lock of a path.
+ *
+ * The age of a lock counts from the start of the call that took it, so a call that waited long takes a lock that ends
+ * early.
+ *
+ * @param timeout_ms  milliseconds to wait; negative waits without limit
+ * @return 1 when the caller holds the lock; 0 otherwise: null path, a base name over 240 bytes, time-out, failed write
+ */
+TARN_API int Get_File_Lock(const char *path, int timeout_ms);
+
+/** Removes the lock of a path, whoever holds it. Returns 1; 0 for a null path. */
+TARN_API int Release_File_Lock(const char *path);
+
+/**
+ * Waits until the foreign lock of a path, "/var/lock/NAME.lck" without the underscore, does not exist; removes it when
+ * it is stale. The library never creates one.
+ *
+ * @param timeout_ms  milliseconds to wait; negative waits without limit
+ * @return always 0
+ */
+TARN_API int Check_File_Lock(const char *path, int timeout_ms);
+
+/**
+ * Takes the lock, then opens the file with fopen.
+ *
+ * @param mode    a mode of fopen
+ * @param stream  receives the stream, to be given back with Close_Shared_File; null on -ETIME and -errno
+ * @return 0; -EINVAL; -ETIME when the lock was not to be had; -errno of fopen (the lock is given back)
+ */
+TARN_API int Open_Shared_File(const char *path, const char *mode, FILE **stream);
+
+/**
+ * Gives the lock back, then closes the stream (in this order: buffered bytes reach the file after the lock is gone).
+ *
+ * @return 0, -EINVAL, or -errno of fclose
+ */
+TARN_API int Close_Shared_File(const char *path, FILE *stream);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Configuration nodes
+ *
+ * A configuration file in memory: a chain of sections, each with a chain of pairs, in the file's order. Keys and names
+ * are compared byte for byte; where one stands twice, every function takes the first. Whoever holds a chain's first
+ * node owns the chain.
+ *
+ * The node functions take names and values as they come. One that would break the text format (a newline anywhere, a
+ * "]" in a section name) is refused with -EINVAL by the functions that write files.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** A key and its value, one allocation. A caller's own node may have no value (null): it then counts as absent. */
+typedef struct Pair_Node {
+  struct Pair_Node *next;   /**< next pair of the section, or null */
+  char *value;              /**< the value's text, right behind the key */
+  __extension__ char key[]; /**< the key's text */
+} Pair_Node;
+
+/** A section: its name and its pairs. The empty name stands for the pairs before a file's first section line. */
+typedef struct Sect_Node {
+  struct Sect_Node *next;    /**< next section, or null */
+  Pair_Node *pairs;          /**< first pair, or null */
+  __extension__ char name[]; /**< the section's name; a node of the library has room for 127 bytes at least */
+} Sect_Node;
+
+/** Makes a pair with copies of both texts. Returns 0, -EINVAL, -ENOMEM (out is null then). */
+TARN_API int Create_Pair_Node(Pair_Node **out, const char *key, const char *value);
+
+/** Makes a pair whose value is a decimal number. Returns 0, -EINVAL, -ENOMEM (out is null then). */
+TARN_API int Create_Integer_Pair_Node(Pair_Node **out, const char *key, int64_t value);
+
+/** Makes a section without pairs. Returns 0, -EINVAL, -ENOMEM (out is null then). */
+TARN_API int Create_Sect_Node(Sect_Node **out, const char *name);
+
+/** Frees a pair and every pair behind it; null is ignored. */
+TARN_API void Free_Pair_Node(Pair_Node *first);
+
+/** Frees a section and every section behind it, with their pairs; null is ignored. */
+TARN_API void Free_Sect_Node(Sect_Node *first);
+
+/**
+ * Finds a key's value in a chain of pairs.
+ *
+ * @param value  receives a pointer into the node, valid while the node lives
+ * @return 0, -ENODATA (no such key), -EINVAL (an argument is null, an empty chain included)
+ */
+TARN_API int Get_Pair_String_Buffer(const Pair_Node *pairs, const char *key, const char **value);
+
+/**
+ * Copies a key's value.
+ *
+ * @param size  in: bytes in the buffer; out: the value's length plus one, whenever the key is found
+ * @return 0, -EOVERFLOW (nothing copied), -ENODATA, -EINVAL
+ */
+TARN_API int Get_Pair_String_Value(const Pair_Node *pairs, const char *key, char *buffer, int *size);
+
+/**
+ * Reads a key's value as a decimal number, by the rules of strtoll: text that is no number is 0. Returns 0, -ENODATA or
+ * -EINVAL.
+ */
+TARN_API int Get_Pair_Int64_Value(const Pair_Node *pairs, const char *key, int64_t *value);
+
+/** As Get_Pair_Int64_Value; -EOVERFLOW outside -127..127, the value stored cut to its width all the same. */
+TARN_API int Get_Pair_Int8_Value(const Pair_Node *pairs, const char *key, int8_t *value);
+
+/** As Get_Pair_Int64_Value; -EOVERFLOW outside -32767..32767, the value stored cut to its width all the same. */
+TARN_API int Get_Pair_Int16_Value(const Pair_Node *pairs, const char *key, int16_t *value);
+
+/** As Get_Pair_Int64_Value; -EOVERFLOW outside -2147483647..2147483647, the value stored cut all the same. */
+TARN_API int Get_Pair_Int32_Value(const Pair_Node *pairs, const char *key, int32_t *value);
+
+/**
+ * Sets, adds (at the end) or, with a null value, removes a key. The value may be a text of the node itself.
+ *
+ * @param chain  where the first pair's address is held; it may change
+ * @return 0, -EINVAL, -ENOMEM (the chain as it was)
+ */
+TARN_API int Set_Pair_String_Value(Pair_Node **chain, const char *key, const char *value);
+
+/** Sets a key to a decimal number; otherwise as Set_Pair_String_Value. */
+TARN_API int Set_Pair_Integer_Value(Pair_Node **chain, const char *key, int64_t value);
+
+/**
+ * Finds a key's value in a chain of sections.
+ *
+ * @param value  receives a pointer into the node, valid while the node lives
+ * @return 0, -ENOANO (no such section), -ENODATA (no such key in it), -EINVAL
+ */
+TARN_API int Get_Conf_String_Pointer(const Sect_Node *sections, const char *section, const char *key,
+                                     const char **value);
+
+/** Copies a key's value; size and results as Get_Pair_String_Value, and -ENOANO. */
+TARN_API int Get_Conf_String_Value(const Sect_Node *sections, const char *section, const char *key, char *buffer,
+                                   int *size);
+
+/** Reads a number; as Get_Pair_Int64_Value, and -ENOANO. */
+TARN_API int Get_Conf_Int64_Value(const Sect_Node *sections, const char *section, const char *key, int64_t *value);
+
+/** Reads a number; as Get_Pair_Int8_Value, and -ENOANO. */
+TARN_API int Get_Conf_Int8_Value(const Sect_Node *sections, const char *section, const char *key, int8_t *value);
+
+/** Reads a number; as Get_Pair_Int16_Value, and -ENOANO. */
+TARN_API int Get_Conf_Int16_Value(const Sect_Node *sections, const char *section, const char *key, int16_t *value);
+
+/** Reads a number; as Get_Pair_Int32_Value, and -ENOANO. */
+TARN_API int Get_Conf_Int32_Value(const Sect_Node *sections, const char *section, const char *key, int32_t *value);
+
+/**
+ * Sets, adds or, with a null value, removes a key of a section. A missing section is added at the end of the chain: do
+ * not add the empty name this way, since a file can hold its pairs only at the top.
+ *
+ * @param sections  the first section; there must be one
+ * @return 0, -EINVAL, -ENOMEM (the chain as it was)
+ */
+TARN_API int Set_Conf_String_Value(Sect_Node *sections, const char *section, const char *key, const char *value);
+
+/** Sets a key of a section to a decimal number; otherwise as Set_Conf_String_Value. */
+TARN_API int Set_Conf_Integer_Value(Sect_Node *sections, const char *section, const char *key, int64_t value);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Configuration text
+ *
+ * Lines end in a newline. A "#" or ";" in the first column makes a comment; "[name]" opens a section (no blanks are
+ * trimmed inside, text behind the "]" is ignored); everything else is "key = value", split at the first "=", blanks and
+ * tabs around key and value removed. There are no quotes, escapes or continued lines. A bad line is logged and skipped.
+ *
+ * What is written loses comments, indentation and spacing. Two things do not survive being written and read back: a
+ * section line "[]" that is not at the top, and an indented key that begins with "#", ";" or "[".
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Loads a regular file whole; a missing final newline is added.
+ *
+ * @param text  receives the text with a terminator (free() it); null on failure
+ * @return bytes in the text; -EINVAL; -ENOMEDIUM (not a regular file); -ENOMEM; -EIO; -errno. A read that fails with an
+ *         errno answers with that errno as a POSITIVE number and no text: test the text, too.
+ */
+TARN_API int Cache_Conf_File(const char *path, char **text);
+
+/**
+ * Parses a loaded text up to its first NUL; text behind the last newline is ignored.
+ *
+ * @param text      changed by the parsing: it cannot be parsed twice
+ * @param sections  receives the chain (Free_Sect_Node); null when there is no section
+ * @return number of sections; -EINVAL; -ENOMEM. When memory ends at a section, what was parsed so far is the result.
+ */
+TARN_API int Parse_Conf_Cache(char *text, Sect_Node **sections);
+
+/** Parses an open stream to its end; as Parse_Conf_Cache, but lines over 4095 bytes count as several lines. */
+TARN_API int Parse_Conf_Stream(FILE *stream, Sect_Node **sections);
+
+/** Writes "key = value" lines; pairs without a value are passed over. Returns 0 (stream errors are the stream's),
+ * -EINVAL. */
+TARN_API int Write_Pair_Node(FILE *stream, const Pair_Node *first);
+
+/** Writes sections, an empty line behind each. Returns 0 (stream errors are left in the stream), -EINVAL. */
+TARN_API int Write_Sect_Node(FILE *stream, const Sect_Node *first);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Configuration files
+ *
+ * Files are replaced, never written in place: the new content is on the disk before it takes the old file's name, with
+ * the old permission bits. A failure leaves the old file, and no temporary one.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Reads a file into sections. Takes no lock.
+ *
+ * @param sections  receives the chain (Free_Sect_Node), or null
+ * @return number of sections; -ENOENT (not logged); the failures of Cache_Conf_File and Parse_Conf_Cache
+ */
+TARN_API int Read_Conf_File(const char *path, Sect_Node **sections);
+
+/** Writes sections into a file where it stands (an empty chain empties it); removes it when that fails. No lock. */
+TARN_API int Write_Conf_File(const char *path, const Sect_Node *sections);
+
+/**
+ * Replaces a file by the sections (an empty chain makes an empty file). A link is replaced by a plain file with the
+ * permission bits of the file that it pointed to. Takes no lock; two threads of a process must not replace the same
+ * path at once without it.
+ *
+ * @return 0; -EINVAL (also for names and values that would break the format); -ENAMETOOLONG; -errno
+ */
+TARN_API int Update_Conf_File(const char *path, const Sect_Node *sections);
+
+/** Reads one section (Free_Sect_Node). Takes no lock. Returns 0, -ENOANO (no such section), or as Read_Conf_File. */
+TARN_API int Get_Conf_File_Section(const char *path, const char *name, Sect_Node **section);
+
+/**
+ * Replaces, adds (at the end) or, with a null section, removes one section. Takes the lock.
+ *
+ * @param section  stays the caller's; its next is null afterwards. Its name should be the name given.
+ * @return 0; -ENOLCK; -ENOANO or -ENOENT (nothing to remove in the file, or no file); -EINVAL; -ENOMEM; -errno
+ */
+TARN_API int Set_Conf_File_Section(const char *path, const char *name, Sect_Node *section);
+
+/**
+ * Applies a section's pairs to a section of the file; a pair without value removes its key. Takes the lock.
+ *
+ * @return 0; -ENOLCK; -ENOENT (no file); -ENOANO (no such section); -EINVAL; -ENOMEM; -errno
+ */
+TARN_API int Update_Conf_File_Section(const char *path, const char *name, const Sect_Node *section);
+
+/**
+ * Sets keys of one section; file and section are made when missing. Takes the lock.
+ *
+ * @return -EINVAL for a null argument, else 0 whatever happened: callers learn of failures from the log only
+ */
+TARN_API int Set_Conf_File_Pair_Values(const char *path, const char *section, const Pair_Node *pairs);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Single values in the file's text
+ *
+ * One key read or changed; every other line stays as it is, comments and spacing included. A null or empty section
+ * means the lines before the first section line.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Reads a key's value. Takes no lock.
+ *
+ * @param size  in: bytes in the buffer; out: the value's length WITHOUT the terminator, on success and on -EOVERFLOW
+ * @return 0, -EOVERFLOW (length not below size), -ENOANO (no such section), -ENODATA (no such key), -ENOENT, -EINVAL,
+ *         other failures of Cache_Conf_File (always negative here)
+ */
+TARN_API int Get_Conf_File_String_Value(const char *path, const char *section, const char *key, char *buffer,
+                                        int *size);
+
+/** Reads a number by the rules of strtoll; -EOVERFLOW for a value of 32 characters or more. */
+TARN_API int Get_Conf_File_Int64_Value(const char *path, const char *section, const char *key, int64_t *value);
+
+/** As Get_Conf_File_Int64_Value; -EOVERFLOW outside -127..127, the value stored cut to its width all the same. */
+TARN_API int Get_Conf_File_Int8_Value(const char *path, const char *section, const char *key, int8_t *value);
+
+/** As Get_Conf_File_Int64_Value; -EOVERFLOW outside -32767..32767, the value stored cut all the same. */
+TARN_API int Get_Conf_File_Int16_Value(const char *path, const char *section, const char *key, int16_t *value);
+
+/** As Get_Conf_File_Int64_Value; -EOVERFLOW outside -2147483647..2147483647, the value stored cut all the same. */
+TARN_API int Get_Conf_File_Int32_Value(const char *path, const char *section, const char *key, int32_t *value);
+
+/**
+ * Sets, adds or, with a null value, removes a key. Takes the lock. A new key comes last in its section, a new section
+ * last in the file. A missing file is made; without a section name it begins with a line "[]", so that the key is then
+ * found under no section name (callers depend on the line).
+ *
+ * @return 0; -ENOLCK; -ENOENT, -ENOANO, -ENODATA (nothing to remove: no file, section or key; the file untouched);
+ *         -EINVAL (also for a newline in any text, or a "]" in the section); -1 when writing failed; -errno
+ */
+TARN_API int Set_Conf_File_String_Value(const char *path, const char *section, const char *key, const char *value);
+
+/** Sets a key to a decimal number; unlike the text form it requires a section (null is -EINVAL). Takes the lock. */
+TARN_API int Set_Conf_File_Integer_Value(const char *path, const char *section, const char *key, int64_t value);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Member records
+ *
+ * One record for each member of the cluster (the master and its slaves), one section for each record in a service file,
+ * named by the member. A field other than next and fields counts only when its bit is set in fields: readers set the
+ * bit of every key found, writers touch only keys whose bits are set.
+ *
+ *     Tarn_Serv_Conf change;
+ *     Tarn_Cluster_Serv_Conf_Preset(&change);
+ *     change.Status = 1;
+ *     change.fields = TARN_SERV_STATUS;
+ *     Tarn_Cluster_Service_Set(path, "QN2a1b3c", &change);
+ * --------------------------------------------------------------------------------------------------------------- */
+
+#define TARN_SERV_NAME 0x1u
+#define TARN_SERV_TYPE 0x2u
+#define TARN_SERV_ID 0x4u
+#define TARN_SERV_PID 0x8u
+#define TARN_SERV_SID 0x10u
+#define TARN_SERV_USR_CNT 0x20u
+#define TARN_SERV_STATUS 0x40u
+#define TARN_SERV_ADDRESS 0x80u
+#define TARN_SERV_HOST_NAME 0x100u
+#define TARN_SERV_MODEL 0x200u
+#define TARN_SERV_FIRMWARE 0x400u
+#define TARN_SERV_WEB_PORT 0x800u
+#define TARN_SERV_QUOTA 0x1000u
+#define TARN_SERV_SSL_WEB_PORT 0x2000u
+#define TARN_SERV_LEAVE_TIME 0x4000u
+#define TARN_SERV_LAST_BACKUP 0x8000u
+#define TARN_SERV_LAST_RESTORE 0x10000u
+#define TARN_SERV_BACKUP_RESULT 0x20000u
+#define TARN_SERV_RESTORE_RESULT 0x40000u
+#define TARN_SERV_BACKUP_PROGRESS 0x80000u
+#define TARN_SERV_RESTORE_PROGRESS 0x100000u
+#define TARN_SERV_RESTORE_PID 0x200000u
+#define TARN_SERV_LAST_RESTORE_FILE 0x400000u
+#define TARN_SERV_ALL 0x7FFFFFu /**< all of the above */
+
+/** A member of the cluster. Each key of its section has the field's name; Name is the section's name. */
+typedef struct Tarn_Serv_Conf {
+  struct Tarn_Serv_Conf *next; /**< next record of a list, in file order, or null */
+  unsigned int fields;         /**< mask of TARN_SERV_ bits: which fields below are set */
+  int Type;                    /**< member type (0x2) */
+  int ID;                      /**< member number (0x4) */
+  int Status;                  /**< member status; not 0: running (0x40) */
+  int WebPort;                 /**< TCP port of the web interface (0x800) */
+  int SslWebPort;              /**< TCP port of the secure web interface (0x2000) */
+  int PID;                     /**< a process id on the member (0x8) */
+  int RestorePID;              /**< process id of a running restore (0x200000) */
+  int UsrCnt;                  /**< number of users (0x20) */
+  int64_t Quota;               /**< quota, in the caller's unit (0x1000) */
+  int BackupProgress;          /**< progress of the running backup (0x80000) */
+  int RestoreProgress;         /**< progress of the running restore (0x100000) */
+  int BackupResult;            /**< result of the last backup (0x20000) */
+  int RestoreResult;           /**< result of the last restore (0x40000) */
+  int64_t LastBackup;          /**< time of the last backup (0x8000) */
+  int64_t LastRestore;         /**< time of the last restore (0x10000) */
+  int64_t LeaveTime;           /**< time at which the member left (0x4000) */
+  char Address[64];            /**< network address (0x80) */
+  char Name[9];                /**< section name; NOT terminated when it has 9 characters or more (0x1) */
+  char SID[9];                 /**< SID text (0x10) */
+  char HostName[15];           /**< host name (0x100) */
+  char Model[32];              /**< model name (0x200) */
+  char Firmware[32];           /**< firmware version; a list read lets a long one run on into the next field (0x400) */
+  char LastRestoreFile[64];    /**< file of the last restore (0x400000) */
+} Tarn_Serv_Conf;
+
+/** Frees a list of records; null is ignored. */
+TARN_API void Release_Serv_List_Conf(Tarn_Serv_Conf *list);
+
+/** Zeroes a record; null is ignored. */
+TARN_API void Tarn_Cluster_Serv_Conf_Preset(Tarn_Serv_Conf *rec);
+
+/**
+ * Makes a list of records from a chain of sections. A section's name goes into Name and sets its bit.
+ *
+ * @param out  receives the list (Release_Serv_List_Conf); on -ENOMEM the records made so far
+ * @return 0; -EINVAL (also when the first section has no keys); -ENOMEM
+ */
+TARN_API int Tarn_Cluster_All_Serv_From_Sect_Node(const Sect_Node *sections, Tarn_Serv_Conf **out);
+
+/**
+ * Makes a chain of sections, one for each record.
+ *
+ * @param out  receives the chain (Free_Sect_Node); on failure the sections made so far
+ * @return 0; -EINVAL (also for a record with an empty Name or a text that would break the file's format); -ENOMEM
+ */
+TARN_API int Tarn_Cluster_All_Serv_To_Sect_Node(const Tarn_Serv_Conf *list, Sect_Node **out);
+
+/**
+ * Sets the record's fields in an existing section; other keys stay. Bit 0x1 renames the section.
+ *
+ * @param section  a section made by the library (a rename needs its room of 127 bytes)
+ * @return 0; -EINVAL (also for an empty new name or a text that would break the file's format); -ENOMEM
+ */
+TARN_API int Tarn_Cluster_Serv_To_Sect_Node(const Tarn_Serv_Conf *rec, Sect_Node *section);
+
+/** Makes one record (free()) from one section; the bit of Name is not set. Returns 0, -EINVAL, -ENOMEM. */
+TARN_API int Tarn_Service_From_Sect_Node(const Sect_Node *section, Tarn_Serv_Conf **out);
+
+/**
+ * Reads a service file. Takes no lock.
+ *
+ * @param out  receives the list (Release_Serv_List_Conf); untouched when the file has no sections
+ * @return 0; -ENOENT; -EINVAL; -ENOMEM; other failures of Read_Conf_File
+ */
+TARN_API int Tarn_Cluster_Serv_Conf_Read(const char *path, Tarn_Serv_Conf **out);
+
+/** Replaces a service file by the list. Takes the lock. Returns 0, -EINVAL, -ENOLCK, -ENOMEM, -errno. */
+TARN_API int Tarn_Cluster_Serv_Conf_Write(const char *path, const Tarn_Serv_Conf *list);
+
+/** The same for a caller that holds the lock. */
+TARN_API int Tarn_Cluster_Serv_Conf_Write_NoLock(const char *path, const Tarn_Serv_Conf *list);
+
+/**
+ * Reads one member's record (free()). Takes no lock. The bit of Name is not set.
+ *
+ * @return 0; -ENOANO (no such member); -ENOENT (no file); -EINVAL; -ENOMEM; other failures of Read_Conf_File
+ */
+TARN_API int Tarn_Cluster_Service_Get(const char *path, const char *name, Tarn_Serv_Conf **out);
+
+/**
+ * Updates or adds a member or, with a null record, deletes it. Takes the lock. A record without any known bit does
+ * nothing. A member that is added is named by the record's Name: keep it equal to the name given, and set a key, since
+ * a file whose first section has no keys cannot be read as a list.
+ *
+ * @return 0; -ENOLCK; -ENOANO (nothing to delete); -EINVAL (also for an empty Name or a text that would break the
+ *         file's format); -ENOMEM; -errno
+ */
+TARN_API int Tarn_Cluster_Service_Set(const char *path, const char *name, const Tarn_Serv_Conf *rec);
+
+/** The same for a caller that holds the lock. */
+TARN_API int Tarn_Cluster_Service_Set_NoLock(const char *path, const char *name, const Tarn_Serv_Conf *rec);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Command transport
+ *
+ * A command is two JSON texts: the command object ("op_code", who it is for, and for op code 1 the handler's name in
+ * "fname") and the argument object. The platform's cluster interface library carries them to the other side and brings
+ * the reply back. Handlers are the exported functions whose names end in _Cb: the member's cluster service calls them
+ * with the argument's text and sends back what they return, a heap string (free()) or null.
+ *
+ * The reply of a sender is set to null first, and is the caller's to free.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+extern TARN_API int g_bAbort;           /**< the library's own abort flag, 0 */
+extern TARN_API int *g_pbAbort;         /**< the abort flag in use; not 0 there stops every wait at its next check */
+extern TARN_API int g_bSlaveOnMaster;   /**< the library's own slave-on-master flag, 0 */
+extern TARN_API int *g_pbSlaveOnMaster; /**< the slave-on-master flag in use; not 0: this slave runs on the master */
+
+/** Makes g_pbAbort point at the caller's flag, which may be set from another thread or a signal handler. */
+TARN_API void Set_Abort(int *flag);
+
+/** Makes g_pbSlaveOnMaster point at the caller's flag. */
+TARN_API void Set_Slave_On_Master(int *flag);
+
+/**
+ * Sends a file to a member; waits up to one hour.
+ *
+ * @param mode              0: master to slave; 1: slave to master; 2: slave on the master's own appliance
+ * @param id                the other member's id; the master's is "0"
+ * @param source_path       the file here
+ * @param destination_path  the file there
+ * @param progress          name of a file that is kept at the percentage done; may be null
+ * @param reply             receives the reply's text
+ * @return 0; -EINVAL; -ENOMEM; the cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Send_File(int mode, const char *id, const char *source_path, const char *destination_path,
+                                    const char *progress, char **reply);
+
+/** Fetches a file from a member: source_path is there, destination_path here; otherwise as Tarn_Cluster_Send_File. */
+TARN_API int Tarn_Cluster_Recv_File(int mode, const char *id, const char *source_path, const char *destination_path,
+                                    const char *progress, char **reply);
+
+/** Reads "cluster_cmd_status" of a reply. Returns 0, -EINVAL (also when it is missing), -ENOMEM (not JSON). */
+TARN_API int Parse_Cluster_Cmd_Status(const char *reply, int *status);
+
+/**
+ * Finds a member's "result_path" in the arrays of a reply; the last match wins, and path is untouched without one.
+ *
+ * @param mode  0: members by "slave_id"; any other: by "master_id"
+ * @param path  receives the path without backslashes (free() it, also after a failure: a match may have come first)
+ * @return 0, -EINVAL, -ENOMEM (not JSON, too), -ENOENT (an element without id, or a match without path)
+ */
+TARN_API int Parse_Result_Path(const char *reply, int mode, const char *id, char **path);
+
+/**
+ * Waits, looking once a second, until a path exists or looking it up fails with anything but "no such file".
+ *
+ * @param timeout_s  seconds; 0 or less waits without limit
+ * @return the abort flag's value when the path is there (0) or the flag is set on entry; -ETIME; -ENOENT when the flag
+ *         is set during the wait; -EINVAL
+ */
+TARN_API int Polling_Result(const char *path, int timeout_s);
+
+/** Waits for a result file and reads its first four bytes as a number; a shorter file is a failure (-EIO). */
+TARN_API int Polling_Int_Result(const char *path, int *value);
+
+/**
+ * Adds an entry to the appliance's event log by running /sbin/log_tool.
+ *
+ * @param type    0, 1 or 2
+ * @param user    the user that the entry is about
+ * @param format  the message, below 1024 bytes when formatted
+ * @return the tool's exit code; -EINVAL; -EOVERFLOW; -ENOMEM
+ */
+TARN_API int System_Log_Append(int type, const char *user, const char *format, ...) TARN_PRINTF(3, 4);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Test command
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Sends a text to a member, which echoes it.
+ *
+ * @param mode   as for Tarn_Cluster_Send_File
+ * @param id     the other member's id
+ * @param reply  receives {"return": 0, "received": text}
+ * @return 0; -EINVAL; the failure of reading the own id; -ENOMEM; the cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Test(int mode, const char *id, const char *text, char **reply);
+
+/** Handler of the test command. Returns the reply, or null for an argument without "Test". */
+TARN_API char *Tarn_Cluster_Test_Cb(const char *argument);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * The platform
+ *
+ * Provided to the library, not by it: the loader binds the library's calls to the program's own functions of these
+ * names where it defines them, else to the platform's libraries.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** Sends a command from the master to the slave named by "slave_id". Returns 0 and a heap reply, or an error code. */
+int Cluster_Master_Cmd(const char *command, const char *argument, char **reply);
+
+/** Sends a command from a slave to the master. */
+int Cluster_Slave_Cmd(const char *command, const char *argument, char **reply);
+
+/** As Cluster_Master_Cmd, bounded by a time-out in milliseconds. */
+int Cluster_Master_Cmd_Ex(const char *command, const char *argument, int timeout_ms, char **reply);
+
+/** As Cluster_Slave_Cmd, bounded by a time-out in milliseconds. */
+int Cluster_Slave_Cmd_Ex(const char *command, const char *argument, int timeout_ms, char **reply);
+
+/** Changes the membership on the master (op codes 2 and 3). */
+int Cluster_Master_Ctrl_Cmd(const char *command, const char *argument, char **reply);
+
+/** Runs a program with the arguments that follow, ended by a null pointer; returns its wait status. */
+int pelk_exec(int zero1, int zero2, int zero3, const char *program, ...);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
