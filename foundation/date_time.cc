@@ -47,10 +47,10 @@ void copy_hand_built(const char *text, char *buffer, int size, int promised) {
 }
 
 void build_date(const struct tm &local, const Date_Format &format, char *text) {
-  char year[16];
+  char year[24];
   char month[16];
   char day[16];
-  snprintf(year, sizeof year, "%.4d", local.tm_year + 1900);
+  snprintf(year, sizeof year, "%.4ld", local.tm_year + 1900L);
   snprintf(month, sizeof month, "%.2d", local.tm_mon + 1);
   snprintf(day, sizeof day, "%.2d", local.tm_mday);
   const char *parts[3] = {year, month, day};

@@ -86,9 +86,10 @@ int make_parent_folders(const char *path) {
 // longer than its buffer in two pieces, so such a line goes around it. Returns the bytes written.
 size_t write_line(FILE *stream, const char *line, size_t length) {
   const size_t buffer_size = __fbufsize(stream);
-  if (buffer_size == 0 || length <= buffer_size) return fwrite(line, 1, length, stream);
+  const int fd = fileno(stream);
+  if (fd < 0 || buffer_size == 0 || length <= buffer_size) return fwrite(line, 1, length, stream);
   if (fflush(stream) != 0) return 0;
-  const ssize_t written = write(fileno(stream), line, length);
+  const ssize_t written = write(fd, line, length);
   return written < 0 ? 0 : static_cast<size_t>(written);
 }
 

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <ctime>
 #include <type_traits>
 
 #include "foundation/owners.h"
@@ -49,27 +49,37 @@ class Lock_Path {
   bool fits_;
 };
 
-bool same_file(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+bool names_file(const char *path, const struct stat &file) {
+  struct stat status;
+  return lstat(path, &status) == 0 && status.st_dev == file.st_dev && status.st_ino == file.st_ino;
 }
 
-// Takes the judged file away from a path that may by now name another file, a lock that is in use. Between several
-// waiters, one wins: the file is renamed aside and looked at again before it is removed. Returns whether the path may
-// be free now.
-bool take_away(const char *path, const struct stat &judged) {
+// A claim whose maker was killed would keep a stale lock for ever. Making it has set the file's change time.
+void drop_abandoned_claim(const char *claim) {
+  constexpr time_t claim_seconds = 2;
   struct stat status;
-  if (lstat(path, &status) != 0) return errno == ENOENT;
-  if (!same_file(status, judged)) return true;
-  if (S_ISDIR(judged.st_mode)) return false;
+  if (lstat(claim, &status) == 0 && time(nullptr) - status.st_ctim.tv_sec > claim_seconds) Druvo_Really_Unlink(claim);
+}
 
-  char aside[64];
-  snprintf(aside, sizeof aside, "%s/.%d.%d.stale", lock_folder, getpid(), gettid());
-  if (rename(path, aside) != 0) return errno == ENOENT;
-  const bool taken = lstat(aside, &status) == 0 && same_file(status, judged);
-  // What was caught is a lock in use: it goes back, unless yet another one stands there by now.
-  if (!taken && link(aside, path) != 0 && errno != EEXIST) return rename(aside, path) == 0 && taken;
-  Druvo_Really_Unlink(aside);
-  return taken;
+// Takes the judged file away from a path that may by now name another file, a lock in use. Of several waiters that
+// judged the same file one wins: the one that makes the link which is named after the file. Nobody else removes the
+// file then, so the path that still names it can be removed without harm; and a lock in use is never moved, not even
+// for a moment in which its owner could give it back. Returns whether the path may be free now.
+bool take_away(const char *path, const struct stat &judged) {
+  if (S_ISDIR(judged.st_mode)) return false;
+  char claim[96];
+  snprintf(claim, sizeof claim, "%s/.%lx.%lx.stale", lock_folder, static_cast<unsigned long>(judged.st_dev),
+           static_cast<unsigned long>(judged.st_ino));
+  const bool claimed = link(path, claim) == 0;
+  if (!claimed && errno == ENOENT) return true;
+  if (!claimed && errno == EEXIST) {
+    drop_abandoned_claim(claim);
+    return false;
+  }
+  // Where links are not to be had, the look at the path has to do.
+  const bool may_be_free = !names_file(path, judged) || Druvo_Really_Unlink(path) == 0 || errno == ENOENT;
+  if (claimed) Druvo_Really_Unlink(claim);
+  return may_be_free;
 }
 
 // One call that waits for a lock file to go, and what it has seen so far.
