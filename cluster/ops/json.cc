@@ -1,5 +1,6 @@
 #include "cluster/ops/json.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace tarn {
@@ -20,6 +21,17 @@ const char *find_text(const json_object *object, const char *key) {
   if (!json_object_is_type(member, json_type_string)) return nullptr;
   const char *text = json_object_get_string(member);
   return strlen(text) == static_cast<size_t>(json_object_get_string_len(member)) ? text : nullptr;
+}
+
+const char *text_of(json_object *value) {
+  // json-c leaves out the piece of a text for which its buffer could not grow and goes on; errno tells of it.
+  errno = 0;
+  const char *text = json_object_get_string(value);
+  return errno == ENOMEM ? nullptr : text;
+}
+
+const char *Json_Builder::serialised() const {
+  return text_of(object_.get());
 }
 
 Json_Builder &Json_Builder::add(const char *key, json_object *value) {

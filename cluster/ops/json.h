@@ -21,6 +21,10 @@ json_object *find_member(const json_object *object, const char *key);
 // A string member; null when it is missing, of another type, or cannot be a C text since it holds a NUL.
 const char *find_text(const json_object *object, const char *key);
 
+// A value's text, which lives as long as the value: a string's own, the JSON text of any other. Null when memory ended
+// on the way.
+const char *text_of(json_object *value);
+
 // An object built member by member. When memory ends it is incomplete, and stays so.
 class Json_Builder {
  public:
@@ -33,7 +37,7 @@ class Json_Builder {
   Json_Builder &add(const char *key, json_object *value);  // takes the value over; null makes the object incomplete
 
   // The object's text, which lives as long as the object; null when it is incomplete.
-  const char *serialised() const { return object_ ? json_object_to_json_string(object_.get()) : nullptr; }
+  const char *serialised() const;
 
  private:
   Json object_;

@@ -44,13 +44,19 @@ int take_result_path(const char *function, json_object *element, const char *ide
   return 0;
 }
 
+// For the log, which must not be handed a null pointer.
+const char *json_text(json_object *value) {
+  const char *text = json_object_to_json_string(value);
+  return text != nullptr ? text : "";
+}
+
 int walk_array(const char *function, json_object *array, const char *identity, const char *id, char **path,
                Heap_Text *found) {
   const size_t length = json_object_array_length(array);
   TARN_DEBUG_AS(function, "Array Length: %d", static_cast<int>(length));
   for (size_t index = 0; index < length; ++index) {
     json_object *element = json_object_array_get_idx(array, index);
-    TARN_DEBUG_AS(function, "value[%d]: %s", static_cast<int>(index), json_object_to_json_string(element));
+    TARN_DEBUG_AS(function, "value[%d]: %s", static_cast<int>(index), json_text(element));
     const int status = take_result_path(function, element, identity, id, path, found);
     if (status != 0) return status;
   }

@@ -34,7 +34,7 @@ char *Tarn_Cluster_Test_Cb(const char *argument) {
   if (json_object_is_type(test, json_type_string)) {
     reply.add("received", json_object_get(test));
   } else {
-    reply.text("received", json_object_get_string(test));  // whatever was sent is echoed as a text
+    reply.text("received", tarn::text_of(test));  // whatever was sent is echoed as a text
   }
   return tarn::handler_reply(__func__, reply);
 }

@@ -62,6 +62,9 @@ constexpr Record_Family members = {
     .create_order = create_order,
     .update_order = update_order,
     .create_function = "Create_Tarn_Serv_Sect_Node",
+    .to_sections_function = "Tarn_Cluster_All_Serv_To_Sect_Node",
+    .to_records_function = "Tarn_Cluster_All_Serv_From_Sect_Node",
+    .to_record_function = "Tarn_Service_From_Sect_Node",
     .noun = "service",
     .list_noun = "service",
     .structure_noun = "service",
@@ -86,13 +89,13 @@ void Tarn_Cluster_Serv_Conf_Preset(Tarn_Serv_Conf *rec) {
 int Tarn_Cluster_All_Serv_From_Sect_Node(const Sect_Node *sections, Tarn_Serv_Conf **out) {
   if (out == nullptr) return -EINVAL;
   void *list = nullptr;
-  const int status = tarn::sections_to_records(tarn::members, __func__, sections, &list);
+  const int status = tarn::sections_to_records(tarn::members, sections, &list);
   tarn::hand_over(list, out);
   return status;
 }
 
 int Tarn_Cluster_All_Serv_To_Sect_Node(const Tarn_Serv_Conf *list, Sect_Node **out) {
-  return tarn::records_to_sections(tarn::members, __func__, list, out);
+  return tarn::records_to_sections(tarn::members, list, out);
 }
 
 int Tarn_Cluster_Serv_To_Sect_Node(const Tarn_Serv_Conf *rec, Sect_Node *section) {
@@ -103,7 +106,7 @@ int Tarn_Service_From_Sect_Node(const Sect_Node *section, Tarn_Serv_Conf **out) 
   if (section == nullptr || out == nullptr) return -EINVAL;
   *out = nullptr;
   void *record = nullptr;
-  const int status = tarn::section_to_record(tarn::members, __func__, section, &record);
+  const int status = tarn::section_to_record(tarn::members, section, &record);
   tarn::hand_over(record, out);
   return status;
 }

@@ -184,12 +184,12 @@ void release_records(void *list) {
   }
 }
 
-int sections_to_records(const Record_Family &family, const char *function, const Sect_Node *sections, void **out) {
+int sections_to_records(const Record_Family &family, const Sect_Node *sections, void **out) {
   if (sections == nullptr || sections->pairs == nullptr || out == nullptr) return -EINVAL;
   *out = nullptr;
   void *last = nullptr;
   for (; sections != nullptr; sections = sections->next) {
-    void *record = allocate_record(family, function);
+    void *record = allocate_record(family, family.to_records_function);
     if (record == nullptr) return -ENOMEM;
     if (last == nullptr) {
       *out = record;
@@ -202,14 +202,14 @@ int sections_to_records(const Record_Family &family, const char *function, const
   return 0;
 }
 
-int records_to_sections(const Record_Family &family, const char *function, const void *list, Sect_Node **out) {
+int records_to_sections(const Record_Family &family, const void *list, Sect_Node **out) {
   if (list == nullptr || out == nullptr) return -EINVAL;
   *out = nullptr;
   Chain_End<Sect_Node> end(out);
   for (; list != nullptr; list = next_record(list)) {
     const int status = create_section(family, list, end.link());
     if (status != 0) {
-      TARN_ERROR_AS(function, "Can't allocate a section node for a Tarn cluster slave conf!");
+      TARN_ERROR_AS(family.to_sections_function, "Can't allocate a section node for a Tarn cluster slave conf!");
       return status;
     }
     end.advance();
@@ -217,9 +217,9 @@ int records_to_sections(const Record_Family &family, const char *function, const
   return 0;
 }
 
-int section_to_record(const Record_Family &family, const char *function, const Sect_Node *section, void **out) {
+int section_to_record(const Record_Family &family, const Sect_Node *section, void **out) {
   if (section == nullptr || out == nullptr) return -EINVAL;
-  *out = allocate_record(family, function);
+  *out = allocate_record(family, family.to_record_function);
   if (*out == nullptr) return -ENOMEM;
   read_section(family, Reader::single, section, *out);
   return 0;
@@ -246,7 +246,7 @@ int read_records(const Record_Family &family, const char *function, const char *
   const int read = Read_Conf_File(path, &sections.first);
   if (read < 0) return read;
   if (sections.first == nullptr) return 0;
-  const int status = sections_to_records(family, function, sections.first, out);
+  const int status = sections_to_records(family, sections.first, out);
   // The text says the opposite direction; those who search the logs know it so.
   if (status != 0) TARN_ERROR_AS(function, "Translate %s list to section Node error! (%d)", family.list_noun, status);
   return status;
@@ -254,7 +254,7 @@ int read_records(const Record_Family &family, const char *function, const char *
 
 int write_records(const Record_Family &family, const char *function, const char *path, const void *list) {
   Sections sections;
-  const int status = records_to_sections(family, function, list, &sections.first);
+  const int status = records_to_sections(family, list, &sections.first);
   if (status != 0) {
     TARN_ERROR_AS(function, "Can't translate a Tarn cluster slave conf to the setc node! (%d)", status);
     return status;
@@ -270,7 +270,7 @@ int get_record(const Record_Family &family, const char *function, const char *pa
     TARN_DEBUG_AS(function, "Can't get conf file section error! (%d, %s, %s)", status, path, name);
     return status;
   }
-  status = section_to_record(family, function, section.first, out);
+  status = section_to_record(family, section.first, out);
   if (status != 0) {
     TARN_ERROR_AS(function, "Can't translate sect node to a Tarn %s structure! (%d)", family.structure_noun, status);
   }

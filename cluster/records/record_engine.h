@@ -41,10 +41,14 @@ struct Record_Family {
   std::span<const Record_Field> fields;   // in the order in which they are read
   std::span<const uint8_t> create_order;  // positions in fields
   std::span<const uint8_t> update_order;
-  const char *create_function;  // the name under which a failed section is reported
-  const char *noun;             // "... the sect node for NOUN NAME error!"
-  const char *list_noun;        // "Translate NOUN list to section Node error!"
-  const char *structure_noun;   // "... to a Tarn NOUN structure!"
+  // The names under which the conversions report, whoever calls them.
+  const char *create_function;       // one new section
+  const char *to_sections_function;  // a list to sections
+  const char *to_records_function;   // sections to a list
+  const char *to_record_function;    // one section to a record
+  const char *noun;                  // "... the sect node for NOUN NAME error!"
+  const char *list_noun;             // "Translate NOUN list to section Node error!"
+  const char *structure_noun;        // "... to a Tarn NOUN structure!"
 };
 
 // The positions of a table's fields, sorted by one of the ranks.
@@ -66,16 +70,15 @@ constexpr bool limits_stay_within(size_t record_size, const std::array<Record_Fi
   });
 }
 
-// Each of the following reports under the name of the exported function that is handed in.
-
 void release_records(void *list);
 
-int sections_to_records(const Record_Family &family, const char *function, const Sect_Node *sections, void **out);
-int records_to_sections(const Record_Family &family, const char *function, const void *list, Sect_Node **out);
-int section_to_record(const Record_Family &family, const char *function, const Sect_Node *section, void **out);
+int sections_to_records(const Record_Family &family, const Sect_Node *sections, void **out);
+int records_to_sections(const Record_Family &family, const void *list, Sect_Node **out);
+int section_to_record(const Record_Family &family, const Sect_Node *section, void **out);
 int update_section(const Record_Family &family, const void *record, Sect_Node *section);
 
-// The file operations; those that write are for who holds the lock.
+// The file operations report under the name of the exported function that is handed in. Those that write are for who
+// holds the lock.
 int read_records(const Record_Family &family, const char *function, const char *path, void **out);
 int write_records(const Record_Family &family, const char *function, const char *path, const void *list);
 int get_record(const Record_Family &family, const char *function, const char *path, const char *name, void **out);
