@@ -8,7 +8,6 @@
 #include "conf/conf_text.h"
 #include "conf/replacement_file.h"
 #include "foundation/report.h"
-#include "fsutil/lock_file.h"
 
 namespace tarn {
 namespace {
@@ -186,7 +185,7 @@ int merge_pairs(const char *function, const char *section, const Pair_Node *pair
 }
 
 void set_pairs(const char *function, const char *path, const char *section, const Pair_Node *pairs) {
-  const File_Lock lock(path);
+  const Replacement_Lock lock(path);
   if (!lock.held()) {
     report_no_lock(function, path);
     return;
@@ -261,14 +260,14 @@ int Get_Conf_File_Section(const char *path, const char *name, Sect_Node **sectio
 
 int Set_Conf_File_Section(const char *path, const char *name, Sect_Node *section) {
   if (path == nullptr || name == nullptr) return -EINVAL;
-  const tarn::File_Lock lock(path);
+  const tarn::Replacement_Lock lock(path);
   if (!lock.held()) return tarn::report_no_lock(__func__, path);
   return tarn::replace_section(__func__, path, name, section);
 }
 
 int Update_Conf_File_Section(const char *path, const char *name, const Sect_Node *section) {
   if (path == nullptr || name == nullptr || section == nullptr) return -EINVAL;
-  const tarn::File_Lock lock(path);
+  const tarn::Replacement_Lock lock(path);
   if (!lock.held()) return tarn::report_no_lock(__func__, path);
   return tarn::apply_pairs(__func__, path, name, section->pairs);
 }

@@ -51,6 +51,13 @@ int Temporary_File::rename_to(const char *path) {
   return 0;
 }
 
+Replacement_Lock::Replacement_Lock(const char *path) : File_Lock(path) {
+  if (!held() || dead_owner() < 1) return;
+  Temporary_File left_behind;
+  if (left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
+  if (left_behind.set_name(path, dead_owner()) == 0) Druvo_Really_Unlink(left_behind.name());
+}
+
 int finish_stream(Stream stream) {
   FILE *file = stream.release();
   int trouble = ferror(file) != 0 ? (errno != 0 ? errno : EIO) : 0;

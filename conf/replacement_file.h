@@ -6,6 +6,7 @@
 #include <climits>
 
 #include "foundation/owners.h"
+#include "fsutil/lock_file.h"
 
 namespace tarn {
 
@@ -44,6 +45,13 @@ class Temporary_File {
  private:
   char name_[PATH_MAX] = "";
   bool exists_ = false;
+};
+
+// The lock of a file that is to be replaced. Where the lock was that of a process that is gone, the temporary files go,
+// too, which that process may have left behind.
+class Replacement_Lock : public File_Lock {
+ public:
+  explicit Replacement_Lock(const char *path);
 };
 
 // Brings what was written to the disk and closes the stream: 0, or -errno of the first trouble, that of earlier writes

@@ -11,7 +11,6 @@
 #include "conf/replacement_file.h"
 #include "foundation/owners.h"
 #include "foundation/report.h"
-#include "fsutil/lock_file.h"
 
 namespace tarn {
 namespace {
@@ -248,7 +247,7 @@ int Set_Conf_File_String_Value(const char *path, const char *section, const char
   if (!tarn::fits_one_line(change)) return -EINVAL;
 
   const tarn::Kept_Mode mode = tarn::kept_mode(path);
-  const tarn::File_Lock lock(path);
+  const tarn::Replacement_Lock lock(path);
   if (!lock.held()) {
     TARN_DEBUG("Can't get file lock of %s error!", path);
     return -ENOLCK;

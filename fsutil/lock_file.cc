@@ -15,6 +15,7 @@ namespace tarn {
 namespace {
 
 constexpr const char *lock_folder = "/var/lock";
+constexpr size_t lock_path_size = 256;         // terminator included
 constexpr uint64_t stale_age_ms = 599999;      // a lock older than this is stale
 constexpr uint64_t invalid_content_ms = 2000;  // a lock without proper content is stale after longer than this
 constexpr unsigned poll_interval_ms = 1;
@@ -29,7 +30,6 @@ static_assert(sizeof(Lock_Record) == 16 && std::is_trivially_copyable_v<Lock_Rec
 
 class Lock_Path {
  public:
-  // The format takes the folder and the base name of the protected file's path.
   static Lock_Path owned(const char *path) { return Lock_Path(path, "_"); }
   static Lock_Path foreign(const char *path) { return Lock_Path(path, ""); }
 
@@ -45,7 +45,7 @@ class Lock_Path {
     fits_ = length > 0 && static_cast<size_t>(length) < sizeof text_;
   }
 
-  char text_[256];
+  char text_[lock_path_size];
   bool fits_;
 };
 
@@ -62,14 +62,15 @@ void drop_abandoned_claim(const char *claim) {
 }
 
 // Takes the judged file away from a path that may by now name another file, a lock in use. Of several waiters that
-// judged the same file one wins: the one that makes the link which is named after the file. Nobody else removes the
+// judged the same file one wins: the one that makes the claim, a link to it. Nobody else removes the
 // file then, so the path that still names it can be removed without harm; and a lock in use is never moved, not even
 // for a moment in which its owner could give it back. Returns whether the path may be free now.
 bool take_away(const char *path, const struct stat &judged) {
   if (S_ISDIR(judged.st_mode)) return false;
-  char claim[96];
-  snprintf(claim, sizeof claim, "%s/.%lx.%lx.stale", lock_folder, static_cast<unsigned long>(judged.st_dev),
-           static_cast<unsigned long>(judged.st_ino));
+  const char *name = path;
+  Get_Filename(path, &name);
+  char claim[lock_path_size + 16];
+  snprintf(claim, sizeof claim, "%s/.%s.stale", lock_folder, name);
   const bool claimed = link(path, claim) == 0;
   if (!claimed && errno == ENOENT) return true;
   if (!claimed && errno == EEXIST) {
@@ -89,6 +90,7 @@ class Lock_Wait {
       : function_(function), lock_path_(lock_path), timeout_ms_(timeout_ms), start_(Rough_Tick()) {}
 
   uint64_t start() const { return start_; }
+  int dead_owner() const { return dead_owner_; }  // of the stale lock that was taken away, or 0
 
   // Looks at the lock file once; true when it was stale and taken away.
   bool removes_stale_lock();
@@ -97,13 +99,14 @@ class Lock_Wait {
   bool sleeps_within_limit() const;
 
  private:
-  bool judge_record(const Lock_Record &record, const struct stat &status) const;
+  bool judge_record(const Lock_Record &record, const struct stat &status);
   bool judge_invalid_content(const struct stat &status);
 
   const char *function_;
   const char *lock_path_;
   int timeout_ms_;
   uint64_t start_;
+  int dead_owner_ = 0;
   uint64_t first_seen_ = 0;  // when content that is not valid was first seen
   int32_t seen_mtime_ = 0;   // and the file's modification time then
 };
@@ -119,17 +122,20 @@ bool Lock_Wait::removes_stale_lock() {
   return valid ? judge_record(record, status) : judge_invalid_content(status);
 }
 
-bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &status) const {
+bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &status) {
   // The clock is read after the file: a lock taken in between would seem to come from the future. The difference is
   // unsigned on purpose: a stamp that does lie in the future counts as expired.
   const uint64_t age = Rough_Tick() - static_cast<uint64_t>(record.stamp);
   if (age <= stale_age_ms && Is_Process_Existed(record.pid) == 1) return false;
-  if (Is_Process_Existed(record.pid) != 1) {
+  const bool owner_gone = Is_Process_Existed(record.pid) != 1;
+  if (owner_gone) {
     TARN_DEBUG_AS(function_, "Remove \"%s\" because proc %d is not existed!", lock_path_, record.pid);
   } else {
     TARN_DEBUG_AS(function_, "Remove \"%s\" because time expired (%lld)!", lock_path_, static_cast<long long>(age));
   }
-  return take_away(lock_path_, status);
+  if (!take_away(lock_path_, status)) return false;
+  if (owner_gone) dead_owner_ = record.pid;
+  return true;
 }
 
 bool Lock_Wait::judge_invalid_content(const struct stat &status) {
@@ -170,21 +176,29 @@ bool write_record(const char *function, const char *lock_path, int fd, uint64_t 
 }
 
 }  // namespace
-}  // namespace tarn
 
-int Get_File_Lock(const char *path, int timeout_ms) {
+int take_file_lock(const char *path, int timeout_ms, int *dead_owner) {
+  constexpr const char *function = "Get_File_Lock";
   if (path == nullptr) return 0;
-  const tarn::Lock_Path lock_path = tarn::Lock_Path::owned(path);
+  const Lock_Path lock_path = Lock_Path::owned(path);
   if (!lock_path.fits()) return 0;
 
-  tarn::Lock_Wait wait(__func__, lock_path.text(), timeout_ms);
+  Lock_Wait wait(function, lock_path.text(), timeout_ms);
   do {
     do {
-      const tarn::Descriptor file(open(lock_path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
-      if (file) return tarn::write_record(__func__, lock_path.text(), file.get(), wait.start()) ? 1 : 0;
+      const Descriptor file(open(lock_path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
+      *dead_owner = wait.dead_owner();
+      if (file) return write_record(function, lock_path.text(), file.get(), wait.start()) ? 1 : 0;
     } while (wait.removes_stale_lock());
   } while (wait.sleeps_within_limit());
   return 0;
+}
+
+}  // namespace tarn
+
+int Get_File_Lock(const char *path, int timeout_ms) {
+  int dead_owner = 0;
+  return tarn::take_file_lock(path, timeout_ms, &dead_owner);
 }
 
 int Release_File_Lock(const char *path) {

@@ -33,6 +33,11 @@
 
 #ifdef __cplusplus
 extern "C" {
+#ifdef __clang__
+/* Flexible array members are C; clang says so even where __extension__ marks them. */
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wc99-extensions"
+#endif
 #endif
 
 /* ------------------------------------------------------------------------------------------------------------------
@@ -795,6 +800,9 @@ int Cluster_Master_Ctrl_Cmd(const char *command, const char *argument, char **re
 int pelk_exec(int zero1, int zero2, int zero3, const char *program, ...);
 
 #ifdef __cplusplus
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
 }
 #endif
 

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "cluster/records/record_engine.h"
-#include "fsutil/lock_file.h"
+#include "conf/replacement_file.h"
 
 namespace tarn {
 namespace {
@@ -122,7 +122,7 @@ int Tarn_Cluster_Serv_Conf_Read(const char *path, Tarn_Serv_Conf **out) {
 int Tarn_Cluster_Serv_Conf_Write(const char *path, const Tarn_Serv_Conf *list) {
   // No list is not an empty list: it would wipe the cluster's members.
   if (path == nullptr || list == nullptr) return -EINVAL;
-  const tarn::File_Lock lock(path);
+  const tarn::Replacement_Lock lock(path);
   if (!lock.held()) return tarn::report_no_lock_for_write(__func__, path);
   return tarn::write_records(tarn::members, __func__, path, list);
 }
@@ -144,7 +144,7 @@ int Tarn_Cluster_Service_Get(const char *path, const char *name, Tarn_Serv_Conf 
 int Tarn_Cluster_Service_Set(const char *path, const char *name, const Tarn_Serv_Conf *rec) {
   if (path == nullptr || name == nullptr) return -EINVAL;
   if (tarn::sets_nothing(tarn::members, rec)) return 0;
-  const tarn::File_Lock lock(path);
+  const tarn::Replacement_Lock lock(path);
   if (!lock.held()) return tarn::report_no_lock_for_set(__func__, path);
   return tarn::set_record(tarn::members, __func__, path, name, rec);
 }

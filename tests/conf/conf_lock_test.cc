@@ -111,6 +111,18 @@ TEST_P(Locking, RecoversTheLockOfAProcessThatIsGone) {
   EXPECT_FALSE(exists(owned_lock("x.conf")));
 }
 
+TEST_P(Locking, RemovesTheTemporaryFilesOfAProcessThatDiedWithTheLock) {
+  const int dead = dead_pid();
+  write_file(owned_lock("x.conf"), lock_record(static_cast<int64_t>(Rough_Tick()), dead));
+  write_file(path_, changed_meanwhile);
+  write_file(path_ + ".tmp", "half");
+  write_file(path_ + ".tmp." + std::to_string(dead), "half");
+  write_file(path_ + ".tmp.1", "somebody else's");
+  EXPECT_EQ(GetParam().change(path_.c_str()), 0);
+  EXPECT_EQ(read_file(path_), GetParam().after);
+  EXPECT_THAT(names_in(folder_.path()), ElementsAre("x.conf", "x.conf.tmp.1"));
+}
+
 TEST_P(Locking, HasNoLockForABaseNameOver240Bytes) {
   const std::string path = folder_ / std::string(241, 'n');
   write_file(path, before);

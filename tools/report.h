@@ -1,0 +1,50 @@
+// What every command of the tool shares: failures, tables and JSON.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// A failed command: the reason goes to standard error, the exit status is 1.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Throws with what was tried and the text of the error when the status is negative. A positive status comes from the
+// platform and is an error, too.
+void check(int status, const std::string &what);
+
+struct Free {
+  void operator()(char *text) const { std::free(text); }
+};
+using Text = std::unique_ptr<char, Free>;
+
+struct Put {
+  void operator()(json_object *object) const { json_object_put(object); }
+};
+using Json = std::unique_ptr<json_object, Put>;
+
+void print_json(const Json &json);
+
+// A table for people: columns as wide as their longest cell.
+void print_table(const std::vector<std::string> &titles, const std::vector<std::vector<std::string>> &rows);
+
+// The commands, by family. Each adds its noun with its verbs.
+struct Settings {
+  bool json = false;
+};
+
+void add_conf_commands(CLI::App &app, const Settings &settings);
+void add_member_commands(CLI::App &app, const Settings &settings);
+void add_cluster_commands(CLI::App &app, const Settings &settings);
+void add_lock_commands(CLI::App &app);
+
+}  // namespace tool
