@@ -1,0 +1,168 @@
+#include "platform/clusterd/handler_runner.h"
+
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <string_view>
+
+#include "platform/clusterd/handler_orders.h"
+#include "platform/clusterd/log.h"
+
+namespace tarn::platform {
+
+namespace {
+
+// Only functions that are meant as handlers can be called from another member.
+bool is_handler_name(std::string_view name) {
+  const auto may_stand_in_name = [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+  };
+  return name.ends_with("_Cb") && name.size() <= 128 && std::all_of(name.begin(), name.end(), may_stand_in_name);
+}
+
+// Sends one order, with a descriptor when fd is not negative.
+int send_order(int orders_fd, const Handler_Order &order, int fd) {
+  iovec part = {const_cast<Handler_Order *>(&order), sizeof(order)};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  if (fd >= 0) {
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr *rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(rights), &fd, sizeof(int));
+  }
+  while (sendmsg(orders_fd, &message, MSG_NOSIGNAL) < 0) {
+    if (errno != EINTR) return -errno;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int Handler_Runner::start() {
+  const std::scoped_lock lock(mutex_);
+  if (orders_) return 0;
+  if (is_stopping()) return -ESHUTDOWN;
+
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
+  Descriptor ours(pair[0]);
+  const Descriptor theirs(pair[1]);
+  const int result = spawn_host(theirs.get());
+  if (result != 0) {
+    log_line("cannot start %s (%d)", program_.c_str(), result);
+    return result;
+  }
+  orders_ = std::move(ours);
+  return 0;
+}
+
+int Handler_Runner::spawn_host(int orders_fd) {
+  std::vector<char *> arguments = {const_cast<char *>(program_.c_str())};
+  for (const std::string &library : libraries_) arguments.push_back(const_cast<char *>(library.c_str()));
+  arguments.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, orders_fd, kHandlerOrdersFd);
+  posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  sigset_t ignored_here;
+  sigemptyset(&ignored_here);
+  for (const int signal : {SIGPIPE, SIGXFSZ}) sigaddset(&ignored_here, signal);
+  posix_spawnattr_setsigdefault(&attributes, &ignored_here);
+  posix_spawnattr_setpgroup(&attributes, 0);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+  const int failure = posix_spawn(&host_, program_.c_str(), &actions, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  return -failure;
+}
+
+void Handler_Runner::reap() {
+  const std::scoped_lock lock(mutex_);
+  int status = 0;
+  if (host_ <= 0 || waitpid(host_, &status, WNOHANG) != host_) return;
+  log_line("the handler host ended (status %d)", status);
+  host_ = 0;
+  orders_.reset();
+}
+
+void Handler_Runner::stop() {
+  const std::scoped_lock lock(mutex_);
+  orders_.reset();  // the host kills what runs, and ends
+  if (host_ > 0) {
+    while (waitpid(host_, nullptr, 0) < 0 && errno == EINTR) continue;
+  }
+  host_ = 0;
+}
+
+int Handler_Runner::send_run(uint64_t id, int command_socket) {
+  const std::scoped_lock lock(mutex_);
+  if (!orders_) return -EPIPE;
+  return send_order(orders_.get(), {Handler_Order_Kind::run, 0, id}, command_socket);
+}
+
+void Handler_Runner::send_end(uint64_t id) {
+  const std::scoped_lock lock(mutex_);
+  if (orders_) send_order(orders_.get(), {Handler_Order_Kind::end, 0, id}, -1);
+}
+
+int Handler_Runner::converse(const Descriptor &socket, const Message &request, Deadline deadline, std::string *reply) {
+  int result = send_message(socket.get(), request, deadline);
+  if (result != 0) return result;
+  Message answer;
+  result = receive_message(socket.get(), &answer, deadline);
+  if (result != 0) return result;
+  if (answer.value == 0) *reply = std::move(answer.text);
+  return answer.value;
+}
+
+int Handler_Runner::run(const std::string &name, const std::string &argument, Deadline deadline, std::string *reply) {
+  if (!is_handler_name(name)) return -ENOSYS;
+  if (argument.find('\0') != std::string::npos) return -EINVAL;  // a handler would see the text cut there
+  if (!free_handlers_.try_acquire_until(deadline)) return -ETIME;
+  struct Slot {
+    std::counting_semaphore<kHandlersAtOnce> &slots;
+    ~Slot() { slots.release(); }
+  } const slot{free_handlers_};
+
+  int result = start();
+  if (result != 0) return result;
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
+  const Descriptor ours(pair[0]);
+  Descriptor theirs(pair[1]);
+  const uint64_t id = next_id_++;
+  result = send_run(id, theirs.get());
+  theirs.reset();
+  if (result != 0) return -EAGAIN;
+
+  Message request;
+  request.kind = Wire_Kind::run_handler;
+  request.text = name;
+  request.more = argument;
+  result = converse(ours, request, deadline, reply);
+  if (result == -ETIME || result == -ESHUTDOWN) send_end(id);
+  if (result == -ETIME) log_line("handler %s ended at its time-out", name.c_str());
+  if (result != -ECONNRESET && result != -EBADMSG) return result;
+  log_line("handler %s ended without an answer", name.c_str());
+  return -EIO;
+}
+
+}  // namespace tarn::platform
