@@ -12,6 +12,7 @@
 
 #include "include/tarncluster_util.h"
 #include "tests/conf/chains.h"
+#include "tests/conf/conf_file_fixture.h"
 #include "tests/conf/whole_or_nothing.h"
 #include "tests/support/call_hooks.h"
 #include "tests/support/child_process.h"
@@ -52,23 +53,7 @@ class Mask {
   mode_t previous_;
 };
 
-class Conf_File : public testing::Test {
- protected:
-  // The file as it is, all that stands in its folder, and no lock.
-  void expect_untouched(const File_State &old) {
-    EXPECT_EQ(state_of(path_), old);
-    EXPECT_THAT(names_in(folder_.path()),
-                old.content ? std::vector<std::string>{"x.conf"} : std::vector<std::string>{});
-    EXPECT_FALSE(exists(owned_lock("x.conf")));
-  }
-
-  std::string content() { return read_file(path_); }
-
-  Temporary_Folder folder_;
-  const std::string path_ = folder_ / "x.conf";
-  const char *file_ = path_.c_str();
-  Log_Capture log_;
-};
+using Conf_File = Conf_File_Test;
 
 Sections one_section(const std::string &name = "n", const std::string &key = "k", const std::string &value = "v") {
   return make_sections({{name, {{key, value}}}});

@@ -13,6 +13,8 @@
 
 #include "include/tarncluster_util.h"
 #include "tests/conf/chains.h"
+#include "tests/conf/conf_file_fixture.h"
+#include "tests/conf/number_cases.h"
 #include "tests/conf/whole_or_nothing.h"
 #include "tests/support/call_hooks.h"
 #include "tests/support/child_process.h"
@@ -40,7 +42,7 @@ const char *pointer(const Maybe &text) {
   return text ? text->c_str() : nullptr;
 }
 
-class Single_Value : public testing::Test {
+class Single_Value : public Conf_File_Test {
  protected:
   struct Answer {
     int status;
@@ -65,20 +67,7 @@ class Single_Value : public testing::Test {
     return Set_Conf_File_String_Value(file_, pointer(section), key.c_str(), pointer(value));
   }
 
-  void expect_untouched(const File_State &old) {
-    EXPECT_EQ(state_of(path_), old);
-    EXPECT_THAT(names_in(folder_.path()),
-                old.content ? std::vector<std::string>{"x.conf"} : std::vector<std::string>{});
-    EXPECT_FALSE(exists(owned_lock("x.conf")));
-  }
-
-  std::string content() { return read_file(path_); }
-
-  Temporary_Folder folder_;
-  const std::string path_ = folder_ / "x.conf";
   const std::string temporary_ = path_ + ".tmp";
-  const char *file_ = path_.c_str();
-  Log_Capture log_;
 };
 
 // ------------------------------------------------------------------------------------------------------------ reading
@@ -288,49 +277,20 @@ TEST_F(Reading, WithoutMemoryIsAStatus) {
 
 // ------------------------------------------------------------------------------------------------------------ numbers
 
-struct Number_Case {
-  const char *text;
-  int64_t wide;  // through the 64-bit form
-  int status32, status16, status8;
-};
-
 class Numbers : public Single_Value, public testing::WithParamInterface<Number_Case> {};
 
 TEST_P(Numbers, AreStoredCutToTheWidthAndReportedWhenOutOfRange) {
   const Number_Case &number = GetParam();
   write_file(path_, "[a]\nk = "s + number.text + "\n");
-  int64_t wide = 42;
-  int32_t word = 42;
-  int16_t half = 42;
-  int8_t byte = 42;
-  EXPECT_EQ(Get_Conf_File_Int64_Value(file_, "a", "k", &wide), 0);
-  EXPECT_EQ(Get_Conf_File_Int32_Value(file_, "a", "k", &word), number.status32);
-  EXPECT_EQ(Get_Conf_File_Int16_Value(file_, "a", "k", &half), number.status16);
-  EXPECT_EQ(Get_Conf_File_Int8_Value(file_, "a", "k", &byte), number.status8);
-  EXPECT_EQ(wide, number.wide);
-  EXPECT_EQ(word, static_cast<int32_t>(number.wide));
-  EXPECT_EQ(half, static_cast<int16_t>(number.wide));
-  EXPECT_EQ(byte, static_cast<int8_t>(number.wide));
+  Number_Outputs stored;
+  EXPECT_EQ(Get_Conf_File_Int64_Value(file_, "a", "k", &stored.wide), 0);
+  EXPECT_EQ(Get_Conf_File_Int32_Value(file_, "a", "k", &stored.word), number.status32);
+  EXPECT_EQ(Get_Conf_File_Int16_Value(file_, "a", "k", &stored.half), number.status16);
+  EXPECT_EQ(Get_Conf_File_Int8_Value(file_, "a", "k", &stored.byte), number.status8);
+  stored.expect(number);
 }
 
-constexpr int over = -EOVERFLOW;
-
-// The ranges leave out the most negative number of each width; callers depend on them.
-INSTANTIATE_TEST_SUITE_P(
-    Texts, Numbers,
-    testing::Values(Number_Case{"0", 0, 0, 0, 0}, Number_Case{"127", 127, 0, 0, 0}, Number_Case{"-127", -127, 0, 0, 0},
-                    Number_Case{"128", 128, 0, 0, over}, Number_Case{"-128", -128, 0, 0, over},
-                    Number_Case{"300", 300, 0, 0, over}, Number_Case{"32767", 32767, 0, 0, over},
-                    Number_Case{"-32767", -32767, 0, 0, over}, Number_Case{"32768", 32768, 0, over, over},
-                    Number_Case{"-32768", -32768, 0, over, over}, Number_Case{"2147483647", INT32_MAX, 0, over, over},
-                    Number_Case{"-2147483647", -INT32_MAX, 0, over, over},
-                    Number_Case{"2147483648", 2147483648, over, over, over},
-                    Number_Case{"-2147483648", INT32_MIN, over, over, over},
-                    Number_Case{"9223372036854775807", INT64_MAX, over, over, over},
-                    Number_Case{"-9223372036854775808", INT64_MIN, over, over, over},
-                    Number_Case{"99999999999999999999", INT64_MAX, over, over, over}, Number_Case{"", 0, 0, 0, 0},
-                    Number_Case{"text", 0, 0, 0, 0}, Number_Case{"12 apples", 12, 0, 0, 0},
-                    Number_Case{"0000000000000000000000000000005", 5, 0, 0, 0}));
+INSTANTIATE_TEST_SUITE_P(Texts, Numbers, testing::ValuesIn(number_cases));
 
 using Number_Reading = Single_Value;
 
