@@ -42,6 +42,9 @@ class Line_Reader {
   // The next line without its newline; false at the end.
   bool next(std::string_view *line);
 
+  // The next line whose first byte is this one; the ends of the lines between are not looked for.
+  bool next_that_begins_with(char first, std::string_view *line);
+
   // Where in the text the line that came last begins, and where the one behind it does.
   size_t begin() const { return begin_; }
   size_t end() const { return end_; }

@@ -52,10 +52,11 @@ int Temporary_File::rename_to(const char *path) {
 }
 
 Replacement_Lock::Replacement_Lock(const char *path) : File_Lock(path) {
-  if (!held() || dead_owner() < 1) return;
+  if (dead_owner() < 1) return;
   Temporary_File left_behind;
-  if (left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
   if (left_behind.set_name(path, dead_owner()) == 0) Druvo_Really_Unlink(left_behind.name());
+  // The name without a number is the lock's holder's, whoever that is.
+  if (held() && left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
 }
 
 int finish_stream(Stream stream) {

@@ -48,9 +48,9 @@ struct Location {
   std::string_view value;
 };
 
-bool enter_section(Line_Reader *lines, const char *section) {
-  if (section == nullptr || section[0] == '\0') return true;  // the lines at the top
-  for (std::string_view line; lines->next(&line);) {
+bool enter_section(Line_Reader *lines, std::string_view section) {
+  if (section.empty()) return true;  // the lines at the top
+  for (std::string_view line; lines->next_that_begins_with('[', &line);) {
     if (opens_section(line, section)) return true;
   }
   return false;
@@ -59,7 +59,7 @@ bool enter_section(Line_Reader *lines, const char *section) {
 Location locate(const char *function, std::string_view text, const char *section, std::string_view key) {
   Location found;
   Line_Reader lines(text);
-  found.section_found = enter_section(&lines, section);
+  found.section_found = enter_section(&lines, section != nullptr ? section : "");
   found.section_end = text.size();
   if (!found.section_found) return found;
 

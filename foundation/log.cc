@@ -12,6 +12,7 @@
 #include <cstring>
 #include <utility>
 
+#include "foundation/date_time.h"
 #include "foundation/report.h"
 
 Simp_Log *g_ptslLog = nullptr;
@@ -215,8 +216,11 @@ int Log_DateTime_Format(time_t t, char *buffer, int hour_system, int date_format
   constexpr int any_mode_with_seconds = 0;
   char date[tarn::date_room] = "";
   char time_of_day[tarn::date_room] = "";
-  Change_Date_To_String_By_Format_Ex(t, date, sizeof date, date_format);
-  Change_Time_To_String_By_Format_Ex(t, time_of_day, sizeof time_of_day, any_mode_with_seconds, hour_system);
+  struct tm local;
+  if (localtime_r(&t, &local) != nullptr) {
+    tarn::write_date(local, date, sizeof date, date_format);
+    tarn::write_time(local, time_of_day, sizeof time_of_day, any_mode_with_seconds, hour_system);
+  }
 
   // The time stands at a fixed place, whatever the date's length.
   memset(buffer, ' ', tarn::time_position);

@@ -423,7 +423,7 @@ TARN_API int Set_Conf_Integer_Value(Sect_Node *sections, const char *section, co
  * tabs around key and value removed. There are no quotes, escapes or continued lines. A bad line is logged and skipped.
  *
  * What is written loses comments, indentation and spacing. Two things do not survive being written and read back: a
- * section line "[]" that is not at the top, and an indented key that begins with "#", ";" or "[".
+ * section line "[]" that is not at the top or has no keys, and an indented key that begins with "#", ";" or "[".
  * --------------------------------------------------------------------------------------------------------------- */
 
 /**

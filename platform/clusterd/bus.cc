@@ -33,6 +33,8 @@ int code_of(natsStatus status) {
       return -ENOMEM;
     case NATS_CONNECTION_DISCONNECTED:
     case NATS_STALE_CONNECTION:
+    case NATS_IO_ERROR:  // the bus ended while the client wrote to it
+    case NATS_SSL_ERROR:
       return -ECONNRESET;
     case NATS_CONNECTION_CLOSED:
     case NATS_INVALID_SUBSCRIPTION:
@@ -65,8 +67,10 @@ int read_url(const std::string &folder, std::string *url) {
 
 // ------------------------------------------------------------------------------------------------ connecting
 
+// Only unusable bus files are final. A server that refuses the member may do so at any moment after the connection is
+// made; revive() tries again.
 int Bus::start() {
-  return connect();
+  return connect() == -EINVAL ? -EINVAL : 0;
 }
 
 int Bus::set_options(natsOptions *options) {
