@@ -68,6 +68,21 @@ int Handler_Runner::start() {
   return 0;
 }
 
+void Handler_Runner::rest() {
+  const std::scoped_lock lock(mutex_);
+  // Each ends when it sees its socket closed.
+  if (Clock::now() - last_command_ > kIdleLife) in_waiting_.clear();
+}
+
+void Handler_Runner::prepare() {
+  const std::scoped_lock lock(mutex_);
+  while (orders_ && in_waiting_.size() < kInWaiting) {
+    Process process;
+    if (fork_process(&process) != 0) return;
+    in_waiting_.push_back(std::move(process));
+  }
+}
+
 int Handler_Runner::spawn_host(int orders_fd) {
   std::vector<char *> arguments = {const_cast<char *>(program_.c_str())};
   for (const std::string &library : libraries_) arguments.push_back(const_cast<char *>(library.c_str()));
@@ -77,6 +92,8 @@ int Handler_Runner::spawn_host(int orders_fd) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, orders_fd, kHandlerOrdersFd);
   posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+  // The bus client's sockets are not close-on-exec; a host that is started anew would keep the connection open.
+  posix_spawn_file_actions_addclosefrom_np(&actions, kHandlerOrdersFd + 1);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t none;
@@ -101,21 +118,39 @@ void Handler_Runner::reap() {
   log_line("the handler host ended (status %d)", status);
   host_ = 0;
   orders_.reset();
+  in_waiting_.clear();  // they ended with it
 }
 
 void Handler_Runner::stop() {
   const std::scoped_lock lock(mutex_);
-  orders_.reset();  // the host kills what runs, and ends
+  orders_.reset();  // the host kills what runs or waits, and ends
+  in_waiting_.clear();
   if (host_ > 0) {
     while (waitpid(host_, nullptr, 0) < 0 && errno == EINTR) continue;
   }
   host_ = 0;
 }
 
-int Handler_Runner::send_run(uint64_t id, int command_socket) {
-  const std::scoped_lock lock(mutex_);
+int Handler_Runner::fork_process(Process *process) {
   if (!orders_) return -EPIPE;
-  return send_order(orders_.get(), {Handler_Order_Kind::run, 0, id}, command_socket);
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
+  process->socket = Descriptor(pair[0]);
+  const Descriptor theirs(pair[1]);
+  process->id = next_id_++;
+  return send_order(orders_.get(), {Handler_Order_Kind::run, 0, process->id}, theirs.get());
+}
+
+// One that waits already, or a new one.
+int Handler_Runner::take_process(Process *process) {
+  const std::scoped_lock lock(mutex_);
+  last_command_ = Clock::now();
+  while (!in_waiting_.empty()) {
+    *process = std::move(in_waiting_.back());
+    in_waiting_.pop_back();
+    if (!has_hung_up(process->socket.get())) return 0;
+  }
+  return fork_process(process) == 0 ? 0 : -EAGAIN;
 }
 
 void Handler_Runner::send_end(uint64_t id) {
@@ -144,21 +179,16 @@ int Handler_Runner::run(const std::string &name, const std::string &argument, De
 
   int result = start();
   if (result != 0) return result;
-  int pair[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
-  const Descriptor ours(pair[0]);
-  Descriptor theirs(pair[1]);
-  const uint64_t id = next_id_++;
-  result = send_run(id, theirs.get());
-  theirs.reset();
-  if (result != 0) return -EAGAIN;
+  Process process;
+  result = take_process(&process);
+  if (result != 0) return result;
 
   Message request;
   request.kind = Wire_Kind::run_handler;
   request.text = name;
   request.more = argument;
-  result = converse(ours, request, deadline, reply);
-  if (result == -ETIME || result == -ESHUTDOWN) send_end(id);
+  result = converse(process.socket, request, deadline, reply);
+  if (result == -ETIME || result == -ESHUTDOWN) send_end(process.id);
   if (result == -ETIME) log_line("handler %s ended at its time-out", name.c_str());
   if (result != -ECONNRESET && result != -EBADMSG) return result;
   log_line("handler %s ended without an answer", name.c_str());

@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <semaphore>
 #include <string>
@@ -28,6 +28,13 @@ class Handler_Runner {
   // Starts the host when it does not run. Answers 0 or -errno.
   int start();
 
+  // Has processes forked that wait for the commands to come, so that the next command need not wait for its fork. To be
+  // called when nobody waits for it: after a command has been answered.
+  void prepare();
+
+  // Ends the processes in waiting when no command has come for a while; to be called now and then.
+  void rest();
+
   // To be called after SIGCHLD: a host that ended is started anew by the next command.
   void reap();
 
@@ -36,17 +43,28 @@ class Handler_Runner {
 
  private:
   static constexpr int kHandlersAtOnce = 64;
+  static constexpr size_t kInWaiting = 4;
+  static constexpr std::chrono::seconds kIdleLife{1};
+
+  // A process of the host's that waits for its command.
+  struct Process {
+    uint64_t id = 0;
+    Descriptor socket;
+  };
 
   int spawn_host(int orders_fd);
-  int send_run(uint64_t id, int command_socket);
+  int fork_process(Process *process);  // to be called with the lock
+  int take_process(Process *process);
   void send_end(uint64_t id);
   int converse(const Descriptor &socket, const Message &request, Deadline deadline, std::string *reply);
 
   const std::string program_;
   const std::vector<std::string> libraries_;
   std::counting_semaphore<kHandlersAtOnce> free_handlers_{kHandlersAtOnce};
-  std::atomic<uint64_t> next_id_ = 1;
   std::mutex mutex_;
+  uint64_t next_id_ = 1;
+  std::vector<Process> in_waiting_;
+  Clock::time_point last_command_;
   Descriptor orders_;
   pid_t host_ = 0;
 };

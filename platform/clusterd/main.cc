@@ -168,6 +168,7 @@ void Service::run(int signals_fd) {
     if (ready < 0 && errno != EINTR) break;
     if (ready <= 0) {
       bus_.revive();
+      handlers_.rest();
       continue;
     }
     if (entries[0].revents != 0 && take_signals(signals_fd, &handlers_)) break;
@@ -181,6 +182,7 @@ void Service::take_member_request(const std::string &sender, const Nats_Message 
     Message answer = reply_of(-EINVAL);
     if (Bus::decode_message(bytes, &request)) answer = router_.handle_member(sender, request);
     bus_.answer(bytes, fits(answer) ? answer : reply_of(-EMSGSIZE));
+    handlers_.prepare();
   };
   if (!member_requests_.submit(task)) bus_.answer(bytes, reply_of(-EBUSY));
 }

@@ -1,0 +1,130 @@
+// What the library, the interface, the services and the handler's process add to a bare request on the bus and its
+// reply. Prints both medians, measured in turns, and their ratio. To be run by tests/appliance.
+//
+// usage: echo_overhead [ROUNDS]
+#include <nats/nats.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tarncluster_util.h"
+#include "tests/platform/member.h"
+
+namespace tarn::test {
+namespace {
+
+constexpr double kBound = 1.5;
+constexpr char kText[] = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+
+// As a cluster service connects.
+natsConnection *connect_as(const Cluster &cluster, const std::string &id) {
+  const std::string folder = cluster.certificates_of(id);
+  const std::string inbox = "tarn.inbox." + id;
+  natsOptions *options = nullptr;
+  natsConnection *connection = nullptr;
+  natsOptions_Create(&options);
+  natsOptions_SetURL(options, "tls://127.0.0.1:4222");
+  natsOptions_SetSecure(options, true);
+  natsOptions_LoadCATrustedCertificates(options, (cluster.store() + "/ca.crt").c_str());
+  natsOptions_LoadCertificatesChain(options, (folder + "/member.crt").c_str(), (folder + "/member.key").c_str());
+  natsOptions_SetExpectedHostname(options, "tarncluster-bus");
+  natsOptions_SetCustomInboxPrefix(options, inbox.c_str());
+  natsOptions_SetSendAsap(options, true);
+  const natsStatus status = natsConnection_Connect(&connection, options);
+  natsOptions_Destroy(options);
+  if (status == NATS_OK) return connection;
+  fprintf(stderr, "cannot connect as %s: %s\n", id.c_str(), natsStatus_GetText(status));
+  _exit(1);
+}
+
+void answer(natsConnection *connection, natsSubscription *, natsMsg *message, void *) {
+  natsConnection_Publish(connection, natsMsg_GetReply(message), natsMsg_GetData(message),
+                         natsMsg_GetDataLength(message));
+  natsMsg_Destroy(message);
+}
+
+void answer_for_ever(const Cluster &cluster) {
+  natsConnection *connection = connect_as(cluster, "S2");
+  natsSubscription *subscription = nullptr;
+  if (natsConnection_Subscribe(&subscription, connection, "tarn.slave.S2", answer, nullptr) != NATS_OK) _exit(1);
+  for (;;) pause();
+}
+
+template <typename Step>
+double microseconds_of(const Step &step) {
+  const auto start = std::chrono::steady_clock::now();
+  if (!step()) {
+    fprintf(stderr, "a request failed\n");
+    _exit(1);
+  }
+  return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
+}
+
+double median(std::vector<double> *times) {
+  std::nth_element(times->begin(), times->begin() + static_cast<ptrdiff_t>(times->size() / 2), times->end());
+  return (*times)[times->size() / 2];
+}
+
+void measure(const Cluster &cluster, int rounds) {
+  natsConnection *connection = connect_as(cluster, "0");
+  // The bytes that the services exchange for the same text: header, command object and argument object.
+  const std::string payload =
+      std::string(32, 'h') + handler_of_slave("S1", "Tarn_Cluster_Test_Cb") + R"({ "Test": ")" + kText + "\" }";
+  const auto ask = [&] {
+    natsMsg *reply = nullptr;
+    const natsStatus status = natsConnection_Request(&reply, connection, "tarn.slave.S2", payload.data(),
+                                                     static_cast<int>(payload.size()), 30000);
+    natsMsg_Destroy(reply);
+    return status == NATS_OK;
+  };
+  const auto echo = [] {
+    char *reply = nullptr;
+    const int code = Tarn_Cluster_Test(0, "S1", kText, &reply);
+    free(reply);
+    return code == 0;
+  };
+  // The parts of the way: as far as this member's service, and as far as the other one's, but not to a handler.
+  const auto command = [](const char *text, int expected) {
+    char *reply = nullptr;
+    return Cluster_Master_Cmd(text, "{}", &reply) == expected;
+  };
+  const auto refused_here = [&] { return command(R"({"op_code": 1, "slave_id": "*", "fname": "x"})", -EINVAL); };
+  const auto refused_there = [&] { return command(R"({"op_code": 99, "slave_id": "S1"})", -ENOSYS); };
+  for (int i = 0; i < 100; ++i) microseconds_of([&] { return ask() && echo(); });
+  std::vector<double> bare;
+  std::vector<double> ours;
+  std::vector<double> here;
+  std::vector<double> there;
+  for (int i = 0; i < rounds; ++i) {
+    bare.push_back(microseconds_of(ask));
+    ours.push_back(microseconds_of(echo));
+    here.push_back(microseconds_of(refused_here));
+    there.push_back(microseconds_of(refused_there));
+  }
+  const double bare_us = median(&bare);
+  const double ours_us = median(&ours);
+  printf("echo between two members: %.0f us; bare request and reply: %.0f us; ratio %.2f; bound %.2f; %s\n", ours_us,
+         bare_us, ours_us / bare_us, kBound, ours_us <= kBound * bare_us ? "holds" : "does not hold");
+  printf("  of that: to the own service and back %.0f us; to the other member's service and back %.0f us\n",
+         median(&here), median(&there));
+  natsConnection_Destroy(connection);
+}
+
+}  // namespace
+}  // namespace tarn::test
+
+int main(int count, char **arguments) {
+  using namespace tarn::test;
+  const int rounds = count > 1 ? atoi(arguments[1]) : 2000;
+  Pair_Of_Members members;
+  const Process responder = members.master.start_on_member([&] { answer_for_ever(members.cluster); });
+  usleep(500000);
+  Process meter = members.master.start_on_member([&] { measure(members.cluster, rounds); });
+  return meter.wait() == 0 ? 0 : 1;
+}
