@@ -39,18 +39,12 @@ int parse_value(int status, const char *stored, int64_t *value) {
 
 template <typename Number>
 int get_pair_number(const Pair_Node *pairs, const char *key, Number *value) {
-  if (value == nullptr) return -EINVAL;
-  int64_t wide = 0;
-  const int status = Get_Pair_Int64_Value(pairs, key, &wide);
-  return status == 0 ? narrow_number(wide, value) : status;
+  return get_narrow_number(value, [=](int64_t *wide) { return Get_Pair_Int64_Value(pairs, key, wide); });
 }
 
 template <typename Number>
 int get_conf_number(const Sect_Node *sections, const char *section, const char *key, Number *value) {
-  if (value == nullptr) return -EINVAL;
-  int64_t wide = 0;
-  const int status = Get_Conf_Int64_Value(sections, section, key, &wide);
-  return status == 0 ? narrow_number(wide, value) : status;
+  return get_narrow_number(value, [=](int64_t *wide) { return Get_Conf_Int64_Value(sections, section, key, wide); });
 }
 
 // Puts a new pair into a link, and what stood there behind it is the caller's affair.

@@ -71,6 +71,15 @@ int narrow_number(int64_t wide, Number *value) {
   return wide < -limit || wide > limit ? -EOVERFLOW : 0;
 }
 
+// A number of a narrower width through a getter of 64 bits, which stores through the pointer that it is called with.
+template <typename Number, typename Getter>
+int get_narrow_number(Number *value, Getter get_wide) {
+  if (value == nullptr) return -EINVAL;
+  int64_t wide = 0;
+  const int status = get_wide(&wide);
+  return status == 0 ? narrow_number(wide, value) : status;
+}
+
 // Whether a text would end its line in a file.
 bool has_newline(const char *text);
 

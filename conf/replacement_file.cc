@@ -51,13 +51,17 @@ int Temporary_File::rename_to(const char *path) {
   return 0;
 }
 
-Replacement_Lock::Replacement_Lock(const char *path) : File_Lock(path) {
-  if (dead_owner() < 1) return;
+namespace {
+
+void remove_left_behind(const char *path, int dead_owner) {
   Temporary_File left_behind;
-  if (left_behind.set_name(path, dead_owner()) == 0) Druvo_Really_Unlink(left_behind.name());
-  // The name without a number is the lock's holder's, whoever that is.
-  if (held() && left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
+  if (left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
+  if (left_behind.set_name(path, dead_owner) == 0) Druvo_Really_Unlink(left_behind.name());
 }
+
+}  // namespace
+
+Replacement_Lock::Replacement_Lock(const char *path) : File_Lock(path, remove_left_behind) {}
 
 int finish_stream(Stream stream) {
   FILE *file = stream.release();

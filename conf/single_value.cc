@@ -191,10 +191,7 @@ bool fits_one_line(const Change &change) {
 
 template <typename Number>
 int get_number(const char *path, const char *section, const char *key, Number *value) {
-  if (value == nullptr) return -EINVAL;
-  int64_t wide = 0;
-  const int status = Get_Conf_File_Int64_Value(path, section, key, &wide);
-  return status == 0 ? narrow_number(wide, value) : status;
+  return get_narrow_number(value, [=](int64_t *wide) { return Get_Conf_File_Int64_Value(path, section, key, wide); });
 }
 
 }  // namespace

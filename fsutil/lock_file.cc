@@ -76,8 +76,10 @@ void drop_abandoned_claim(const char *claim) {
 // Takes the judged file away from a path that may by now name another file, a lock in use. Of several waiters that
 // judged the same file one wins: the one that makes the claim, a link to it. Nobody else removes the
 // file then, so the path that still names it can be removed without harm; and a lock in use is never moved, not even
-// for a moment in which its owner could give it back. Returns whether the path may be free now.
-bool take_away(const char *path, const struct stat &judged) {
+// for a moment in which its owner could give it back. What is to be done first is done while the file is claimed.
+// Returns whether the path may be free now.
+template <typename Action>
+bool take_away(const char *path, const struct stat &judged, Action do_first) {
   if (S_ISDIR(judged.st_mode)) return false;
   const char *name = path;
   Get_Filename(path, &name);
@@ -90,7 +92,11 @@ bool take_away(const char *path, const struct stat &judged) {
     return false;
   }
   // Where links are not to be had, the look at the path has to do.
-  const bool may_be_free = !names_file(path, judged) || Druvo_Really_Unlink(path) == 0 || errno == ENOENT;
+  bool may_be_free = !names_file(path, judged);
+  if (!may_be_free) {
+    do_first();
+    may_be_free = Druvo_Really_Unlink(path) == 0 || errno == ENOENT;
+  }
   if (claimed) Druvo_Really_Unlink(claim);
   return may_be_free;
 }
@@ -98,11 +104,16 @@ bool take_away(const char *path, const struct stat &judged) {
 // One call that waits for a lock file to go, and what it has seen so far.
 class Lock_Wait {
  public:
-  Lock_Wait(const char *function, const char *lock_path, int timeout_ms)
-      : function_(function), lock_path_(lock_path), timeout_ms_(timeout_ms), start_(Rough_Tick()) {}
+  Lock_Wait(const char *function, const char *path, const Lock_Path &lock_path, int timeout_ms,
+            Dead_Owner_Action action)
+      : function_(function),
+        path_(path),
+        lock_path_(lock_path.text()),
+        timeout_ms_(timeout_ms),
+        action_(action),
+        start_(Rough_Tick()) {}
 
   uint64_t start() const { return start_; }
-  int dead_owner() const { return dead_owner_; }  // of the stale lock that was taken away, or 0
 
   // Looks at the lock file once; true when it was stale and taken away.
   bool removes_stale_lock();
@@ -111,14 +122,15 @@ class Lock_Wait {
   bool sleeps_within_limit() const;
 
  private:
-  bool judge_record(const Lock_Record &record, const struct stat &status);
+  bool judge_record(const Lock_Record &record, const struct stat &status) const;
   bool judge_invalid_content(const struct stat &status);
 
   const char *function_;
+  const char *path_;  // of the protected file
   const char *lock_path_;
   int timeout_ms_;
+  Dead_Owner_Action action_;
   uint64_t start_;
-  int dead_owner_ = 0;
   uint64_t first_seen_ = 0;  // when content that is not valid was first seen
   int32_t seen_mtime_ = 0;   // and the file's modification time then
 };
@@ -134,7 +146,7 @@ bool Lock_Wait::removes_stale_lock() {
   return valid ? judge_record(record, status) : judge_invalid_content(status);
 }
 
-bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &status) {
+bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &status) const {
   // The clock is read after the file: a lock taken in between would seem to come from the future. The difference is
   // unsigned on purpose: a stamp that does lie in the future counts as expired.
   const uint64_t age = Rough_Tick() - static_cast<uint64_t>(record.stamp);
@@ -145,9 +157,9 @@ bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &statu
   } else {
     TARN_DEBUG_AS(function_, "Remove \"%s\" because time expired (%lld)!", lock_path_, static_cast<long long>(age));
   }
-  if (!take_away(lock_path_, status)) return false;
-  if (owner_gone) dead_owner_ = record.pid;
-  return true;
+  return take_away(lock_path_, status, [&] {
+    if (owner_gone && action_ != nullptr) action_(path_, record.pid);
+  });
 }
 
 bool Lock_Wait::judge_invalid_content(const struct stat &status) {
@@ -164,7 +176,7 @@ bool Lock_Wait::judge_invalid_content(const struct stat &status) {
   // know the line.
   TARN_DEBUG_AS(function_, "Remove \"%s\" because invalid content and timeout (%lld)!", lock_path_,
                 static_cast<long long>(now) - 100LL * mtime);
-  return take_away(lock_path_, status);
+  return take_away(lock_path_, status, [] {});
 }
 
 bool Lock_Wait::sleeps_within_limit() const {
@@ -189,17 +201,16 @@ bool write_record(const char *function, const char *lock_path, int fd, uint64_t 
 
 }  // namespace
 
-int take_file_lock(const char *path, int timeout_ms, int *dead_owner) {
+int take_file_lock(const char *path, int timeout_ms, Dead_Owner_Action action) {
   constexpr const char *function = "Get_File_Lock";
   if (path == nullptr) return 0;
   const Lock_Path lock_path = Lock_Path::owned(path);
   if (!lock_path.fits()) return 0;
 
-  Lock_Wait wait(function, lock_path.text(), timeout_ms);
+  Lock_Wait wait(function, path, lock_path, timeout_ms, action);
   do {
     do {
       const Descriptor file(open(lock_path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
-      *dead_owner = wait.dead_owner();
       if (file) return write_record(function, lock_path.text(), file.get(), wait.start()) ? 1 : 0;
     } while (wait.removes_stale_lock());
   } while (wait.sleeps_within_limit());
@@ -209,8 +220,7 @@ int take_file_lock(const char *path, int timeout_ms, int *dead_owner) {
 }  // namespace tarn
 
 int Get_File_Lock(const char *path, int timeout_ms) {
-  int dead_owner = 0;
-  return tarn::take_file_lock(path, timeout_ms, &dead_owner);
+  return tarn::take_file_lock(path, timeout_ms, nullptr);
 }
 
 int Release_File_Lock(const char *path) {
@@ -225,7 +235,7 @@ int Check_File_Lock(const char *path, int timeout_ms) {
   const tarn::Lock_Path lock_path = tarn::Lock_Path::foreign(path);
   if (!lock_path.fits()) return 0;
 
-  tarn::Lock_Wait wait(__func__, lock_path.text(), timeout_ms);
+  tarn::Lock_Wait wait(__func__, path, lock_path, timeout_ms, nullptr);
   struct stat status;
   do {
     do {
