@@ -74,10 +74,10 @@ void drop_abandoned_claim(const char *claim) {
 }
 
 // Takes the judged file away from a path that may by now name another file, a lock in use. Of several waiters that
-// judged the same file one wins: the one that makes the claim, a link to it. Nobody else removes the
-// file then, so the path that still names it can be removed without harm; and a lock in use is never moved, not even
-// for a moment in which its owner could give it back. What is to be done first is done while the file is claimed.
-// Returns whether the path may be free now.
+// judged the same file one wins: the one that makes the claim, a link to it. Nobody else removes the file then, so the
+// path that still names it can be removed without harm; and a lock in use is never moved, not even for a moment, in
+// which its owner could give it back. What is to be done first is done while the file is claimed. Returns whether the
+// path may be free now.
 template <typename Action>
 bool take_away(const char *path, const struct stat &judged, Action do_first) {
   if (S_ISDIR(judged.st_mode)) return false;
@@ -151,14 +151,15 @@ bool Lock_Wait::judge_record(const Lock_Record &record, const struct stat &statu
   // unsigned on purpose: a stamp that does lie in the future counts as expired.
   const uint64_t age = Rough_Tick() - static_cast<uint64_t>(record.stamp);
   if (age <= stale_age_ms && Is_Process_Existed(record.pid) == 1) return false;
-  const bool owner_gone = Is_Process_Existed(record.pid) != 1;
-  if (owner_gone) {
+  const int owner = Is_Process_Existed(record.pid);
+  if (owner != 1) {
     TARN_DEBUG_AS(function_, "Remove \"%s\" because proc %d is not existed!", lock_path_, record.pid);
   } else {
     TARN_DEBUG_AS(function_, "Remove \"%s\" because time expired (%lld)!", lock_path_, static_cast<long long>(age));
   }
+  // An owner that may not be asked after counts as gone, but may be at work all the same.
   return take_away(lock_path_, status, [&] {
-    if (owner_gone && action_ != nullptr) action_(path_, record.pid);
+    if (owner == 0 && action_ != nullptr) action_(path_, record.pid);
   });
 }
 

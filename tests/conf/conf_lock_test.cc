@@ -1,6 +1,8 @@
 // The lock that the functions take which read, change and replace a configuration file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,6 +15,7 @@
 #include "tests/conf/chains.h"
 #include "tests/conf/whole_or_nothing.h"
 #include "tests/support/call_hooks.h"
+#include "tests/support/child_process.h"
 #include "tests/support/held_lock.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/virtual_clock.h"
@@ -121,6 +124,25 @@ TEST_P(Locking, RemovesTheTemporaryFilesOfAProcessThatDiedWithTheLock) {
   EXPECT_EQ(GetParam().change(path_.c_str()), 0);
   EXPECT_EQ(read_file(path_), GetParam().after);
   EXPECT_THAT(names_in(folder_.path()), ElementsAre("x.conf", "x.conf.tmp.1"));
+}
+
+// Its lock counts as left behind, but it may be at work.
+TEST_P(Locking, LeavesTheTemporaryFilesOfAProcessThatMayNotBeAskedAfter) {
+  const int another_users = getpid();
+  const std::string temporary = path_ + ".tmp." + std::to_string(another_users);
+  ASSERT_EQ(chmod(folder_.path().c_str(), 0777), 0);
+  write_file(path_, changed_meanwhile);
+  EXPECT_EQ(in_child([&] {
+              become_nobody();
+              g_ptslLog = nullptr;
+              write_file(owned_lock("x.conf"), lock_record(static_cast<int64_t>(Rough_Tick()), another_users));
+              write_file(temporary, "being written");
+              EXPECT_EQ(Is_Process_Existed(another_users), -EPERM);
+              EXPECT_EQ(GetParam().change(path_.c_str()), 0);
+            }),
+            0);
+  EXPECT_EQ(read_file(path_), GetParam().after);
+  EXPECT_EQ(read_file(temporary), "being written");
 }
 
 TEST_P(Locking, HasNoLockForABaseNameOver240Bytes) {
