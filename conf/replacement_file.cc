@@ -9,6 +9,16 @@
 #include "foundation/report.h"
 
 namespace tarn {
+namespace {
+
+// What a process left that died while it replaced the file.
+void remove_left_behind(const char *path, int dead_owner) {
+  Temporary_File left_behind;
+  if (left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
+  if (left_behind.set_name(path, dead_owner) == 0) Druvo_Really_Unlink(left_behind.name());
+}
+
+}  // namespace
 
 Kept_Mode kept_mode(const char *path) {
   struct stat status;
@@ -50,16 +60,6 @@ int Temporary_File::rename_to(const char *path) {
   exists_ = false;
   return 0;
 }
-
-namespace {
-
-void remove_left_behind(const char *path, int dead_owner) {
-  Temporary_File left_behind;
-  if (left_behind.set_name(path) == 0) Druvo_Really_Unlink(left_behind.name());
-  if (left_behind.set_name(path, dead_owner) == 0) Druvo_Really_Unlink(left_behind.name());
-}
-
-}  // namespace
 
 Replacement_Lock::Replacement_Lock(const char *path) : File_Lock(path, remove_left_behind) {}
 

@@ -8,7 +8,6 @@
 
 #include "tests/conf/chains.h"
 #include "tests/faults/conf_model.h"
-#include "tests/faults/large_file.h"
 #include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 
@@ -185,7 +184,7 @@ TEST_P(A_Damaged_File, Takes_single_values) {
     for (const char *key : {"k", "other"}) {
       with_each(conf_file, [&](const std::string &text) {
         EXPECT_EQ(Set_Conf_File_String_Value(file_, section, key, "v"), 0);
-        EXPECT_EQ(read_large_file(file_), with_value(text, section, key, "v"));
+        EXPECT_EQ(read_file(file_), with_value(text, section, key, "v"));
       });
     }
   }
@@ -198,7 +197,7 @@ TEST_P(A_Damaged_File, Loses_single_values) {
       const Lookup lookup = value_in(text, section, "k", &value);
       const int expected = lookup == Lookup::found ? 0 : lookup == Lookup::no_key ? -ENODATA : -ENOANO;
       EXPECT_EQ(Set_Conf_File_String_Value(file_, section, "k", nullptr), expected);
-      EXPECT_EQ(read_large_file(file_), without_key(text, section, "k"));
+      EXPECT_EQ(read_file(file_), without_key(text, section, "k"));
     });
   }
 }
@@ -209,7 +208,7 @@ TEST_P(A_Damaged_File, Takes_pairs) {
     set_pairs(&model, "b", {{"k", "v"}, {"n", "5"}});
     const Pairs pairs = make_pairs({{"k", "v"}, {"n", "5"}});
     EXPECT_EQ(Set_Conf_File_Pair_Values(file_, "b", pairs.get()), 0);
-    EXPECT_EQ(read_large_file(file_), written(model));
+    EXPECT_EQ(read_file(file_), written(model));
   });
 }
 
@@ -220,7 +219,7 @@ TEST_P(A_Damaged_File, Takes_pairs_into_a_section_that_is_there) {
     if (found) set_pairs(&model, "b", {{"k", "v"}, {"n", "5"}});
     const Sections section = make_sections({{"b", {{"k", "v"}, {"n", "5"}}}});
     EXPECT_EQ(Update_Conf_File_Section(file_, "b", section.get()), found ? 0 : -ENOANO);
-    EXPECT_EQ(read_large_file(file_), found ? written(model) : text);
+    EXPECT_EQ(read_file(file_), found ? written(model) : text);
   });
 }
 
@@ -230,7 +229,7 @@ TEST_P(A_Damaged_File, Takes_a_section) {
     replace_section(&model, {"b", {{"n", "5"}}});
     const Sections section = make_sections({{"b", {{"n", "5"}}}});
     EXPECT_EQ(Set_Conf_File_Section(file_, "b", section.get()), 0);
-    EXPECT_EQ(read_large_file(file_), written(model));
+    EXPECT_EQ(read_file(file_), written(model));
   });
 }
 
@@ -239,7 +238,7 @@ TEST_P(A_Damaged_File, Loses_a_section) {
     Model_File model = parsed_as_text(text);
     const bool found = remove_section(&model, "b");
     EXPECT_EQ(Set_Conf_File_Section(file_, "b", nullptr), found ? 0 : -ENOANO);
-    EXPECT_EQ(read_large_file(file_), found ? written(model) : text);
+    EXPECT_EQ(read_file(file_), found ? written(model) : text);
   });
 }
 
@@ -315,7 +314,7 @@ TEST_P(A_Damaged_File, Takes_a_member) {
       record.Status = 7;
       record.fields = TARN_SERV_STATUS;
       EXPECT_EQ(Tarn_Cluster_Service_Set(file_, name, &record), 0);
-      EXPECT_EQ(read_large_file(file_), written(model));
+      EXPECT_EQ(read_file(file_), written(model));
     });
   }
 }
@@ -325,7 +324,7 @@ TEST_P(A_Damaged_File, Loses_a_member) {
     Model_File model = parsed_as_text(text);
     const bool found = remove_section(&model, "m2");
     EXPECT_EQ(Tarn_Cluster_Service_Set(file_, "m2", nullptr), found ? 0 : -ENOANO);
-    EXPECT_EQ(read_large_file(file_), found ? written(model) : text);
+    EXPECT_EQ(read_file(file_), found ? written(model) : text);
   });
 }
 

@@ -15,9 +15,9 @@
 #include <random>
 #include <stdexcept>
 
-#include "tests/faults/large_file.h"
 #include "tests/faults/recorded_disk.h"
 #include "tests/faults/scenario.h"
+#include "tests/support/files.h"
 
 namespace {
 
@@ -54,7 +54,7 @@ const std::string &empty_disk() {
     if (system(("mkfs.ext4 -q -F -b 1024 -J size=1 -E lazy_itable_init=0 " + path).c_str()) != 0) {
       throw std::runtime_error("mkfs.ext4 failed");
     }
-    return read_large_file(path);
+    return read_file(path);
   }();
   return image;
 }
@@ -77,7 +77,7 @@ class Power_Loss : public testing::Test {
       const Mounted_Image mounted(folder_ / "start", world.folder, mount_options);
       stage.set();
     }
-    before_ = read_large_file(folder_ / "start");
+    before_ = read_file(folder_ / "start");
     const Recorded_Disk disk(folder_.path(), before_);
     {
       const Mounted_Image mounted(disk.path(), world.folder, mount_options);

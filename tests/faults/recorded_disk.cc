@@ -18,7 +18,6 @@
 #include <system_error>
 #include <utility>
 
-#include "tests/faults/large_file.h"
 #include "tests/support/files.h"
 
 namespace tarn::test {
@@ -146,7 +145,7 @@ Recorded_Disk::~Recorded_Disk() {
 }
 
 Disk_Log Recorded_Disk::log() const {
-  const std::string bytes = read_large_file(log_path_);
+  const std::string bytes = read_file(log_path_);
   Disk_Log log;
   for (size_t at = 0; at + sizeof(Record_Head) <= bytes.size();) {
     Record_Head head;

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <system_error>
 
 namespace tarn::test {
@@ -42,7 +42,9 @@ Temporary_Folder::~Temporary_Folder() {
 std::string read_file(const std::string &path) {
   std::ifstream stream(path, std::ios::binary);
   if (!stream) fail(path);
-  return {std::istreambuf_iterator<char>(stream), {}};
+  std::ostringstream content;
+  content << stream.rdbuf();  // in blocks: some files have megabytes
+  return content.str();
 }
 
 void write_file(const std::string &path, const std::string &text) {
