@@ -10,6 +10,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "foundation/deadline.h"
 #include "foundation/owners.h"
 #include "foundation/report.h"
 
@@ -182,7 +183,7 @@ bool Lock_Wait::judge_invalid_content(const struct stat &status) {
 
 bool Lock_Wait::sleeps_within_limit() const {
   const uint64_t elapsed = Rough_Tick_Diff(start_);
-  if (timeout_ms_ >= 0 && elapsed > static_cast<uint64_t>(timeout_ms_)) {
+  if (is_past(elapsed, timeout_ms_)) {
     TARN_ERROR_AS(function_, "Get lock file \"%s\" timeout! (%lld < %d)", lock_path_, static_cast<long long>(elapsed),
                   timeout_ms_);
     return false;

@@ -241,62 +241,6 @@ TARN_API int Druvo_Unlinkat(int dir_fd, const char *folder, const char *name, in
 TARN_API int Is_Process_Existed(int pid);
 
 /* ------------------------------------------------------------------------------------------------------------------
- * Lock files and shared files
- *
- * One lock file for a protected file, "/var/lock/_NAME.lck" for the base name NAME: files of the same base name share a
- * lock, wherever they lie. A lock is taken by creating its file, and given back by removing it; it excludes processes
- * and threads alike and is not reentrant. A lock whose owner is gone, one taken more than 10 minutes ago, and one that
- * stays without proper content for more than 2 seconds is removed by whoever waits for it.
- *
- *     if (Get_File_Lock("/etc/config/example.conf", 10000) == 1) {
- *       ...
- *       Release_File_Lock("/etc/config/example.conf");
- *     }
- * --------------------------------------------------------------------------------------------------------------- */
-
-/** Points name at the text behind the path's last "/" (at the path itself when it has none). Returns 0 or -EINVAL. */
-TARN_API int Get_Filename(const char *path, const char **name);
-
-/**
- * Takes the lock of a path.
- *
- * The age of a lock counts from the start of the call that took it, so a call that waited long takes a lock that ends
- * early.
- *
- * @param timeout_ms  milliseconds to wait; negative waits without limit
- * @return 1 when the caller holds the lock; 0 otherwise: null path, a base name over 240 bytes, time-out, failed write
- */
-TARN_API int Get_File_Lock(const char *path, int timeout_ms);
-
-/** Removes the lock of a path, whoever holds it. Returns 1; 0 for a null path. */
-TARN_API int Release_File_Lock(const char *path);
-
-/**
- * Waits until the foreign lock of a path, "/var/lock/NAME.lck" without the underscore, does not exist; removes it when
- * it is stale. The library never creates one.
- *
- * @param timeout_ms  milliseconds to wait; negative waits without limit
- * @return always 0
- */
-TARN_API int Check_File_Lock(const char *path, int timeout_ms);
-
-/**
- * Takes the lock, then opens the file with fopen.
- *
- * @param mode    a mode of fopen
- * @param stream  receives the stream, to be given back with Close_Shared_File; null on -ETIME and -errno
- * @return 0; -EINVAL; -ETIME when the lock was not to be had; -errno of fopen (the lock is given back)
- */
-TARN_API int Open_Shared_File(const char *path, const char *mode, FILE **stream);
-
-/**
- * Gives the lock back, then closes the stream (in this order: buffered bytes reach the file after the lock is gone).
- *
- * @return 0, -EINVAL, or -errno of fclose
- */
-TARN_API int Close_Shared_File(const char *path, FILE *stream);
-
-/* ------------------------------------------------------------------------------------------------------------------
  * Configuration nodes
  *
  * A configuration file in memory: a chain of sections, each with a chain of pairs, in the file's order. Keys and names
@@ -547,6 +491,461 @@ TARN_API int Set_Conf_File_String_Value(const char *path, const char *section, c
 
 /** Sets a key to a decimal number; unlike the text form it requires a section (null is -EINVAL). Takes the lock. */
 TARN_API int Set_Conf_File_Integer_Value(const char *path, const char *section, const char *key, int64_t value);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Path checks
+ *
+ * Thin wrappers over stat, readlink and utimensat with the library's results. None of them reports to the log. A
+ * directory descriptor is one of an open folder, or AT_FDCWD (-100); any other negative number is -EINVAL. The _At
+ * checks look at a final symbolic link itself; Is_Folder and Get_File_Size look at what it points to.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** Points name at the text behind the path's last "/" (at the path itself when it has none). Returns 0 or -EINVAL. */
+TARN_API int Get_Filename(const char *path, const char **name);
+
+/**
+ * Reads the path of an open descriptor. A removed file's path ends in " (deleted)".
+ *
+ * @param buffer  receives the path WITHOUT a terminator, cut at size bytes: it is no text until the caller makes it one
+ * @param size    bytes in the buffer
+ * @return length of the path; -EINVAL (no buffer, a negative descriptor or size, a closed descriptor); -errno
+ */
+TARN_API int Get_FD_Path(int fd, char *buffer, int size);
+
+/**
+ * Tells the path of an open descriptor, as far as 4095 characters.
+ *
+ * @return text in one buffer of the process, valid until the next call; null on failure. Not thread-safe; a line that
+ *         calls it twice shows the later path twice.
+ */
+TARN_API const char *Fullpath(int fd);
+
+/**
+ * Sets access and modification time.
+ *
+ * @param times  two: access, modification
+ * @param flags  0 or AT_SYMLINK_NOFOLLOW
+ * @return 0, -EINVAL, or -errno of utimensat
+ */
+TARN_API int Set_File_Time_At(int dir_fd, const char *path, const struct timespec *times, int flags);
+
+/** Sets both times of a file to the same moment; the nanoseconds come first. Results as Set_File_Time_At. */
+TARN_API int Set_File_Modified_Time_At(int dir_fd, const char *path, unsigned int nanoseconds, unsigned int seconds,
+                                       int flags);
+
+/** Answers 1 for a folder (links followed), 0 for anything else, -EINVAL, or -errno: compare with 1. */
+TARN_API int Is_Folder(const char *path);
+
+/**
+ * Asks whether a path is a folder; a symbolic link to one is not.
+ *
+ * @param flag  receives 1 or 0; untouched on failure
+ * @return 0, -EINVAL, -errno
+ */
+TARN_API int Check_Folder_At(int dir_fd, const char *path, unsigned int *flag);
+
+/** Check_Folder_At from the working directory. */
+TARN_API int Check_Folder(const char *path, unsigned int *flag);
+
+/** Answers 1 when the name exists, whatever its type (a dangling link too), 0 when not, -EINVAL, or -errno. */
+TARN_API int Check_File_At(int dir_fd, const char *path);
+
+/** Check_File_At from the working directory. */
+TARN_API int Check_File(const char *path);
+
+/** Tells a file's size in bytes (links followed). Returns 0, -EINVAL or -errno. */
+TARN_API int Get_File_Size(const char *path, uint64_t *size);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Lock files and shared files
+ *
+ * One lock file for a protected file, "/var/lock/_NAME.lck" for the base name NAME: files of the same base name share a
+ * lock, wherever they lie. A lock is taken by creating its file, and given back by removing it; it excludes processes
+ * and threads alike and is not reentrant. A lock whose owner is gone, one taken more than 10 minutes ago, and one that
+ * stays without proper content for more than 2 seconds is removed by whoever waits for it.
+ *
+ *     if (Get_File_Lock("/etc/config/example.conf", 10000) == 1) {
+ *       ...
+ *       Release_File_Lock("/etc/config/example.conf");
+ *     }
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Takes the lock of a path.
+ *
+ * The age of a lock counts from the start of the call that took it, so a call that waited long takes a lock that ends
+ * early.
+ *
+ * @param timeout_ms  milliseconds to wait; negative waits without limit
+ * @return 1 when the caller holds the lock; 0 otherwise: null path, a base name over 240 bytes, time-out, failed write
+ */
+TARN_API int Get_File_Lock(const char *path, int timeout_ms);
+
+/** Removes the lock of a path, whoever holds it. Returns 1; 0 for a null path. */
+TARN_API int Release_File_Lock(const char *path);
+
+/**
+ * Waits until the foreign lock of a path, "/var/lock/NAME.lck" without the underscore, does not exist; removes it when
+ * it is stale. The library never creates one.
+ *
+ * @param timeout_ms  milliseconds to wait; negative waits without limit
+ * @return always 0
+ */
+TARN_API int Check_File_Lock(const char *path, int timeout_ms);
+
+/**
+ * Takes the lock, then opens the file with fopen.
+ *
+ * @param mode    a mode of fopen
+ * @param stream  receives the stream, to be given back with Close_Shared_File; null on -ETIME and -errno
+ * @return 0; -EINVAL; -ETIME when the lock was not to be had; -errno of fopen (the lock is given back)
+ */
+TARN_API int Open_Shared_File(const char *path, const char *mode, FILE **stream);
+
+/**
+ * Gives the lock back, then closes the stream (in this order: buffered bytes reach the file after the lock is gone).
+ *
+ * @return 0, -EINVAL, or -errno of fclose
+ */
+TARN_API int Close_Shared_File(const char *path, FILE *stream);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Addresses
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Resolves a name and writes its first address as text. The scope of a link-local address ("%eth0") is dropped. May
+ * block for the resolver's time-out.
+ *
+ * @param address  receives the text; at least 46 bytes
+ * @param family   receives AF_INET or AF_INET6 (or the unsupported family)
+ * @return 0; -EINVAL; -EHOSTUNREACH or -errno when the name does not resolve (both outputs untouched); -EFAULT for
+ *         another family (the text is empty)
+ */
+TARN_API int Domain_To_IP_Addr(const char *name, char *address, unsigned int *family);
+
+/**
+ * Asks whether a name is this machine.
+ *
+ * The name's address need only be the beginning of an interface's ("10.0.0.1" also matches "10.0.0.12"), and an IPv6
+ * address is compared with the first interface's only; callers depend on both.
+ *
+ * @return 1 yes; 0 no, also when the name does not resolve or the interfaces cannot be read; -EINVAL for a null or
+ *         empty name
+ */
+TARN_API int Is_IP_Localhost(const char *name);
+
+/**
+ * Compares two IPv6 addresses under a prefix: its whole bytes, then (prefix_length & 3) bits of the next one, so 60
+ * compares as 56 does and 62 as 58.
+ *
+ * @param a, b           16 bytes each, network order
+ * @param prefix_length  1 to 128
+ * @return 0 the same; 113 (EHOSTUNREACH, positive) different; -EINVAL
+ */
+TARN_API int IPv6_Check_Subnet(const unsigned char *a, const unsigned char *b, int prefix_length);
+
+/**
+ * Finds the index of the interface that reaches an IPv6 address, from the first 1023 bytes of /proc/net/if_inet6: the
+ * one whose subnet holds the address, else the last one listed. Loopback is passed over.
+ *
+ * @param address   16 bytes, network order
+ * @param scope_id  receives the index, 0xFFFFFFFF when there is none
+ * @return 0, -EINVAL, -ENODEV
+ */
+TARN_API int IPv6_Get_Scope_Id(const unsigned char *address, unsigned int *scope_id);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Sockets
+ *
+ * Every socket is close-on-exec and belongs to the caller, who closes it. Time-outs are in milliseconds.
+ *
+ *     int fd;
+ *     int status = TCP_Socket_Connect(NULL, "nas2.example", 62695, 5000, &fd);
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Connects to the first address that a host resolves to. TCP_NODELAY is on; the time-out stays on the socket for
+ * sending (connecting included) and receiving. A connection that is not made in time is -EINPROGRESS. An IPv6
+ * link-local host without a scope ("%eth0") gets the one IPv6_Get_Scope_Id finds.
+ *
+ * @param local_address  IPv4 address to connect from, or null; fails with -EINVAL for an IPv6 host
+ * @param host           name or address
+ * @param port           1 to 65535
+ * @param timeout_ms     0 or less: 120000
+ * @param fd             receives the socket, -1 on failure
+ * @return 0; -EINVAL; -EHOSTUNREACH or -errno when the host does not resolve; -errno
+ */
+TARN_API int TCP_Socket_Connect(const char *local_address, const char *host, int port, int timeout_ms, int *fd);
+
+/**
+ * Listens on every address that a host resolves to (IPv6 sockets take IPv6 only). An address that cannot be bound is
+ * passed over as long as another one can.
+ *
+ * @param host      name or address; null: all addresses
+ * @param port      1 to 65535
+ * @param backlog   1 to 128
+ * @param fds       receives the sockets and -1 behind the last: room for capacity + 1 entries
+ * @param capacity  the number of sockets that may be made
+ * @return 0; -EINVAL; -ENOMEM for more addresses than capacity; -EHOSTUNREACH or -errno. Nothing is left open, and
+ *         fds[0] is -1, after a failure
+ */
+TARN_API int TCP_Socket_Listen(const char *host, int port, int backlog, int *fds, int capacity);
+
+/** Makes a descriptor non-blocking. Returns 0 or -errno. */
+TARN_API int Domain_Sock_Set_Nonblocking(int fd);
+
+/**
+ * Listens on a local-domain stream socket that every user may connect to (mode 0666). Whatever file is at the path is
+ * removed first.
+ *
+ * @param path         1 to 107 characters
+ * @param fd           receives the socket, -1 on failure
+ * @param nonblocking  0: blocking; above 0: non-blocking
+ * @return 0; -EINVAL (also an empty path); -ENAMETOOLONG, nothing removed; -errno
+ */
+TARN_API int Domain_Socket_Listen(const char *path, int *fd, int nonblocking);
+
+/**
+ * Connects to a local-domain stream socket.
+ *
+ * @param fd          receives the socket; untouched on failure
+ * @param timeout_ms  stays on the socket for sending and receiving; 0: none. A time-out that the kernel refuses (a
+ *                    negative one that is no multiple of 1000: -EDOM) leaves the socket open; callers know it so.
+ * @return 0, -EINVAL, -ENAMETOOLONG, -errno
+ */
+TARN_API int Domain_Socket_Connect(const char *path, int *fd, int timeout_ms);
+
+/**
+ * Waits until a socket has something to receive, its end included.
+ *
+ * @param timeout_ms  0 asks once; a negative one is -EINVAL
+ * @return 1 ready, 0 not in time, -EBADF, -EINTR, -errno. Any descriptor number will do, also 1024 and above.
+ */
+TARN_API int Is_Socket_Ready_To_Recv(int fd, int timeout_ms);
+
+/** Waits until a socket takes something to send. Results as Is_Socket_Ready_To_Recv. */
+TARN_API int Is_Socket_Ready_To_Send(int fd, int timeout_ms);
+
+/** Is_Socket_Ready_To_Recv for any descriptor. */
+TARN_API int Is_FD_Ready_To_Read(int fd, int timeout_ms);
+
+/**
+ * Waits until one of several descriptors is readable, hung up or in error (a closed one is).
+ *
+ * @param fds         1 to 16 descriptors; negative ones are passed over
+ * @param timeout_ms  not negative
+ * @param ready_fd    receives the first ready one
+ * @param index       receives its place in fds; may be null
+ * @return 1 one is ready, 0 none in time, -EINVAL, -errno
+ */
+TARN_API int Is_Any_Socket_Ready(const int *fds, int count, int timeout_ms, int *ready_fd, int *index);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Exact transfer
+ *
+ * SIGPIPE is the caller's: pass MSG_NOSIGNAL to Exactly_Send, and ignore the signal where sendfile, splice or a TLS
+ * session writes to a peer that may leave. The library changes no signal's disposition. Path and offsets of the log
+ * lines come from Fullpath, so the functions on files are not thread-safe in what they report.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Receives exactly length bytes from a socket.
+ *
+ * A closed peer is polled without pause until the time-out. Silence of a peer that is there is not looked at: only a
+ * receive time-out of the socket (see TCP_Socket_Connect) ends that, with -EAGAIN.
+ *
+ * @param timeout_ms  milliseconds until a closed peer is -ETIME; negative: never
+ * @return length; 0 for a length below 1; -EINVAL; -ETIME (errno is ETIME too); -errno
+ */
+TARN_API int Exactly_Recv(int fd, void *buffer, int length, int timeout_ms);
+
+/**
+ * Sends all of a buffer.
+ *
+ * @param length  up to INT_MAX, else -EINVAL
+ * @param flags   of send(2), as they are; MSG_NOSIGNAL turns a peer that left into -EPIPE instead of the signal
+ * @return length, -EINVAL, -errno
+ */
+TARN_API int Exactly_Send(int fd, const void *buffer, size_t length, int flags);
+
+/**
+ * Sends part of a file to a socket or a file within the kernel (sendfile).
+ *
+ * @param length  bytes
+ * @param offset  where to read, moved by what was sent; null: the file's own position
+ * @param sent    receives the number of bytes sent, also after a failure; may be null
+ * @return 0, also when the file ends early (see sent); -EINVAL for a negative descriptor or length; -errno
+ */
+TARN_API int File_Send_Bulk(int source_fd, int destination_fd, int64_t length, int64_t *offset, int64_t *sent);
+
+/**
+ * Writes all of a buffer to a descriptor.
+ *
+ * @param written  receives the number of bytes written, also after a failure; may be null
+ * @return 0; -EINVAL for a null buffer, a negative descriptor or length; -errno
+ */
+TARN_API int File_Write_Bulk(int fd, const void *buffer, int64_t length, int64_t *written);
+
+/**
+ * Receives a file of known length from a socket into a file within the kernel (splice), 8192 bytes at a time. Waits for
+ * a silent peer without limit, unless the socket has a receive time-out and is blocking (then it is asked again).
+ *
+ * @param destination_fd  not opened with O_APPEND
+ * @param offset          where to write, moved by what was written; null: the file's own position
+ * @param received        receives the number of bytes written, also after a failure; may be null
+ * @return 0; -EINVAL for a negative descriptor or length; -EPIPE when the peer's stream ended early; -errno
+ */
+TARN_API int Recv_File(int socket_fd, int destination_fd, int64_t *offset, int64_t length, int64_t *received);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * TLS sessions
+ *
+ * A session whose ctx is null IS A PLAIN SOCKET: every function below then sends and receives in the clear. Whoever
+ * ignores a failed handshake and goes on with the record does so. Peers' certificates are not verified by the
+ * handshake; look at SSL_get_verify_result and the peer's name before the first byte is trusted.
+ *
+ * One context is made for each session and destroyed with it. Contexts must be made one at a time. OpenSSL writes with
+ * write(2), so a program that talks to peers that may leave ignores SIGPIPE.
+ *
+ *     Tls_Session session;
+ *     if (SSL_Socket_Connect("nas2", 62695, 5000, "me.pem", "", "ca.pem", &session) == 0) {
+ *       Exactly_SSL_Send(&session, "hello", 5, 0);
+ *       SSL_Socket_Destroy(&session, 0);
+ *     }
+ * --------------------------------------------------------------------------------------------------------------- */
+
+struct bio_st;
+struct ssl_st;
+struct ssl_ctx_st;
+
+/** A connected socket and, when ctx is not null, the TLS session on it. */
+typedef struct Tls_Session {
+  int fd;                 /**< the socket, -1: none */
+  struct bio_st *bio;     /**< belongs to ssl */
+  struct ssl_st *ssl;     /**< null: none */
+  struct ssl_ctx_st *ctx; /**< null: a plain socket */
+} Tls_Session;
+
+/**
+ * Makes a context of any protocol version that OpenSSL offers.
+ *
+ * @param certificate  PEM file of the certificate chain and its private key (not encrypted, or with the password)
+ * @param password     of the key; 1023 characters at most, a longer one counts as none. Used during the call only.
+ * @param ca_list      PEM file of the authorities
+ * @param ctx          receives the context (CTX_Destroy), null on failure
+ * @return 0; -EINVAL; -errno when the chain cannot be read; -ENOENT when key or authorities cannot; -ENOMEM
+ */
+TARN_API int CTX_Initialize(const char *certificate, const char *password, const char *ca_list,
+                            struct ssl_ctx_st **ctx);
+
+/** Frees a context; null is ignored. */
+TARN_API void CTX_Destroy(struct ssl_ctx_st *ctx);
+
+/**
+ * Makes a TLS session on the connected socket session->fd, as its client.
+ *
+ * @param session  its fd is set; filled on success, untouched on failure (the socket stays open)
+ * @return 0; -EINVAL; the failure of CTX_Initialize; -errno or -EPROTO when the handshake fails
+ */
+TARN_API int SSL_Connect_Socket(const char *certificate, const char *password, const char *ca_list,
+                                Tls_Session *session);
+
+/** The same as the session's server. */
+TARN_API int SSL_Accept_Socket(const char *certificate, const char *password, const char *ca_list,
+                               Tls_Session *session);
+
+/**
+ * Connects to a host (see TCP_Socket_Connect) and makes a TLS session on the connection.
+ *
+ * @param session  filled on success; {-1, null, null, null} on failure
+ * @return 0; -EINVAL; the failures of TCP_Socket_Connect, CTX_Initialize and the handshake
+ */
+TARN_API int SSL_Socket_Connect(const char *host, int port, int timeout_ms, const char *certificate,
+                                const char *password, const char *ca_list, Tls_Session *session);
+
+/**
+ * Ends a session: says goodbye to the peer unless no_shutdown is not 0, frees session and context, closes the socket,
+ * and leaves {-1, null, null, null}. Null is ignored.
+ */
+TARN_API void SSL_Socket_Destroy(Tls_Session *session, int no_shutdown);
+
+/** recv(2) on a plain record; else SSL_peek when flags hold MSG_PEEK, or SSL_read. Results as theirs; -EINVAL. */
+TARN_API int SSL_Recv(Tls_Session *session, void *buffer, int length, int flags);
+
+/** send(2) on a plain record; else SSL_write. Results as theirs; -EINVAL. */
+TARN_API int SSL_Send(Tls_Session *session, const void *buffer, int length, int flags);
+
+/**
+ * Looks at exactly length bytes without taking them. Asks without pause until they are there: for short messages only.
+ * A TLS message over two records, or above 16384 bytes, is never there as a whole.
+ *
+ * @param timeout_ms  negative: none
+ * @return length; 0 for a length below 1; -EINVAL; -ETIME (errno is ETIME too); -errno, -EAGAIN included; -EPROTO
+ */
+TARN_API int Exactly_SSL_Peek(Tls_Session *session, void *buffer, int length, int timeout_ms);
+
+/**
+ * Receives exactly length bytes.
+ *
+ * Every time-out of the socket before the deadline (EAGAIN) lowers the count of received bytes by one, and the peer's
+ * next bytes begin that much earlier; programs on the other side depend on it. Bytes that would lie before the buffer
+ * are taken and dropped.
+ *
+ * @param timeout_ms  negative: none
+ * @return length; 0 for a length below 1; -EINVAL; -ETIME (errno is ETIME too); -errno; -EPROTO when the session broke
+ *         without an errno
+ */
+TARN_API int Exactly_SSL_Recv(Tls_Session *session, void *buffer, int length, int timeout_ms);
+
+/** The same; received holds the count so far, also after a failure (it may be negative). */
+TARN_API int Exactly_SSL_Recv_Ex(Tls_Session *session, void *buffer, int length, int timeout_ms, int *received);
+
+/**
+ * Sends all of a buffer.
+ *
+ * @param length  up to INT_MAX, else -EINVAL
+ * @param flags   of send(2) for a plain record; not used with TLS
+ * @return length; -EINVAL; -ETIME when the socket's send time-out ended it; -EPIPE, -EPROTO; -errno
+ */
+TARN_API int Exactly_SSL_Send(Tls_Session *session, const void *buffer, size_t length, int flags);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Network interfaces
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** One IPv6 address of an interface. */
+typedef struct Net_Ipv6_Addr {
+  struct Net_Ipv6_Addr *next; /**< next address, or null */
+  unsigned short prefix;      /**< prefix length, 0 to 128 */
+  char address[46];           /**< address as text, without scope */
+} Net_Ipv6_Addr;
+
+/** One network interface. */
+typedef struct Net_Interface {
+  struct Net_Interface *next; /**< next interface, or null */
+  unsigned int flags;         /**< IFF_UP (1) and so on */
+  unsigned short index;       /**< place in the kernel's list, from 0 (not its interface index) */
+  unsigned short prefix;      /**< IPv4 prefix length; 0: no IPv4 address */
+  char mac[18];               /**< hardware address, "00:1B:21:3C:4D:5E" */
+  char name[16];              /**< for example "eth0" */
+  char ipv4[16];              /**< IPv4 address as text; empty: none */
+  Net_Ipv6_Addr *ipv6;        /**< the IPv6 addresses, or null */
+} Net_Interface;
+
+/**
+ * Lists the interfaces that have an IPv4 address (the kernel's SIOCGIFCONF list), at most 18, with their addresses. An
+ * interface with several IPv4 addresses under one name is listed once for each, every time with the last one.
+ *
+ * @param list   receives the list (Free_Network_Interface)
+ * @param count  receives the number of records
+ * @return 0, -EINVAL, -errno when the addresses or the list cannot be read. Trouble with one interface is logged; one
+ *         without a readable hardware address ends the list there.
+ */
+TARN_API int Scan_Network_Interface(Net_Interface **list, int *count);
+
+/** Frees a list and the addresses in it; null is ignored. */
+TARN_API void Free_Network_Interface(Net_Interface *list);
 
 /* ------------------------------------------------------------------------------------------------------------------
  * Member records
