@@ -7,6 +7,7 @@ namespace tarn {
 
 // The least g_idLogLevel at which lines of a kind are written.
 inline constexpr int error_level = 1;
+inline constexpr int info_level = 2;
 inline constexpr int debug_level = 3;
 
 inline bool reports(int level) {
@@ -29,4 +30,5 @@ inline bool reports(int level) {
 
 // For a helper that reports for several exported functions: it is handed the name.
 #define TARN_ERROR_AS(name, ...) TARN_REPORT(tarn::error_level, "error", name, __VA_ARGS__)
+#define TARN_INFO_AS(name, ...) TARN_REPORT(tarn::info_level, "info", name, __VA_ARGS__)
 #define TARN_DEBUG_AS(name, ...) TARN_REPORT(tarn::debug_level, "debug", name, __VA_ARGS__)

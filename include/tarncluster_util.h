@@ -10,8 +10,8 @@
  *  - Arguments are checked first: a missing (null) required argument is -EINVAL and nothing has been done.
  *  - What a function allocates for its caller belongs to the caller and goes back with free() or with the family's
  *    Free_... or Release_... function. Nodes and records that are passed in stay the caller's.
- *  - Trouble is reported as one line on g_ptslLog, when there is one: error lines when g_idLogLevel is 1 or more,
- *    debug lines when it is 3 or more.
+ *  - Trouble is reported as one line on g_ptslLog, when there is one: error lines when g_idLogLevel is 1 or more, info
+ *    lines at 2 or more, debug lines at 3 or more.
  *  - The library starts no thread and keeps no state of its own beyond the globals declared here. Unless its comment
  *    says otherwise, a function may be called from several threads at once as long as they do not share the objects
  *    that are passed in.
@@ -62,7 +62,8 @@ typedef struct Simp_Log {
 /** The handle that the whole library reports to; null (the default) means no diagnostics at all. */
 extern TARN_API Simp_Log *g_ptslLog;
 
-/** Level gate: error lines at 1 (the default) or more, debug lines at 3 or more; 0 or less silences the library. */
+/** Level gate: error lines at 1 (the default) or more, info lines at 2, debug lines at 3; 0 or less silences the
+ * library. */
 extern TARN_API int g_idLogLevel;
 
 /**
@@ -239,6 +240,66 @@ TARN_API int Druvo_Unlinkat(int dir_fd, const char *folder, const char *name, in
  * @return 1 yes (a zombie too); 0 no, or a pid below 1; -errno otherwise (-EPERM for a process of another user)
  */
 TARN_API int Is_Process_Existed(int pid);
+
+/**
+ * Reads a process's parent from /proc. A process can make its own answer up, and one whose name holds a blank reads as
+ * -ESRCH.
+ *
+ * @param parent  receives the parent's pid (0: none, or one outside this container), -1 on failure
+ * @return 0, -EINVAL (also for a negative pid), -ESRCH
+ */
+TARN_API int Get_Parent_Pid(int pid, int *parent);
+
+/**
+ * Lists the processes of a name. Not thread-safe.
+ *
+ * @param name   a path that begins with "/" is compared with the beginning of the command line; any other name with the
+ *               whole short name, which the kernel cuts at 15 characters and this function at its first "/"
+ * @param pids   receives an array in the order of /proc (free() it); null on failure
+ * @param count  receives the number of pids
+ * @return 0, -EINVAL (also for an empty name), -ENOMEM, -ENODATA when there is none, -errno
+ */
+TARN_API int Get_All_Pids(const char *name, int **pids, int *count);
+
+/**
+ * Finds the topmost ancestor, below process 1, of the first process of a name. Not thread-safe.
+ *
+ * @param pid  receives it, -1 on failure; 0 when the climb ends outside this container: never a pid to be signalled
+ * @return 0, or the failure of Get_All_Pids
+ */
+TARN_API int Get_Ancestry_Pid(const char *name, int *pid);
+
+/**
+ * Runs a command in the shell and reads the beginning of what it prints, with one read. Its exit status is not looked
+ * at. Whoever builds the command quotes what goes into it.
+ *
+ * @param buffer  receives the text without its last newline; size + 1 bytes
+ * @param size    bytes to read at most, 1 or more; receives the text's length
+ * @return 0, -EINVAL, -errno when the command cannot be started
+ */
+TARN_API int Get_Program_Output(const char *command, char *buffer, int *size);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Credentials
+ *
+ * Not thread-safe: crypt and getspnam keep their answers in one place.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Hashes a text with MD5-crypt under a salt of its own first characters: for texts that are compared, not for secrets.
+ *
+ * @param hash  receives 22 characters and a terminator
+ * @return 0, -EINVAL (also when crypt refuses the salt: a blank, ":", ";", "*", "!", "\" or a character that is no
+ *         printable ASCII among the first 8)
+ */
+TARN_API int Encrypt_String(const char *text, char *hash);
+
+/**
+ * Checks a user's password against the shadow database, which needs root. A locked or empty entry fits no password.
+ *
+ * @return 0 right, -EINVAL, -ENOANO when there is no such user (or the database cannot be read), -EBADSLT wrong
+ */
+TARN_API int Authentication_Check(const char *user, const char *password);
 
 /* ------------------------------------------------------------------------------------------------------------------
  * Configuration nodes
@@ -1083,6 +1144,79 @@ TARN_API int Tarn_Cluster_Service_Set(const char *path, const char *name, const 
 TARN_API int Tarn_Cluster_Service_Set_NoLock(const char *path, const char *name, const Tarn_Serv_Conf *rec);
 
 /* ------------------------------------------------------------------------------------------------------------------
+ * Share records
+ *
+ * The shared folders of a member, in a file with one section for each, named by the share. Every function on files
+ * takes the lock, those that read included.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+#define TARN_SHARE_NAME 0x1u          /**< bit of Name: an update renames the section */
+#define TARN_SHARE_READ_LIST 0x2u     /**< bit of read_list */
+#define TARN_SHARE_WRITE_LIST 0x4u    /**< bit of write_list */
+#define TARN_SHARE_INVALID_USERS 0x8u /**< bit of invalid_users */
+#define TARN_SHARE_PATH 0x10u         /**< bit of path */
+#define TARN_SHARE_ALL 0x1Fu          /**< every bit of fields */
+
+/**
+ * One shared folder. The three lists are heap texts of the record's own. A value of 4096 characters or more cannot be
+ * read and counts as absent: reading and writing a whole file drops it, changing one share does not.
+ */
+typedef struct Tarn_Share_Conf {
+  struct Tarn_Share_Conf *next; /**< next record in file order, or null */
+  unsigned int fields;          /**< which fields are set: TARN_SHARE_... bits */
+  char Name[65];                /**< section name; readers do not set its bit, and cut it at 64 characters */
+  char path[4096];              /**< key "path": the folder */
+  char *read_list;              /**< key "read list": users and groups that may read, or null */
+  char *write_list;             /**< key "write list": users and groups that may write, or null */
+  char *invalid_users;          /**< key "invalid users": users and groups without access, or null */
+} Tarn_Share_Conf;
+
+/** Frees a list of records with their texts, whatever their masks say; null is ignored. */
+TARN_API void Release_Share_List_Conf(Tarn_Share_Conf *list);
+
+/** Zeroes a record; null is ignored. */
+TARN_API void Tarn_Cluster_Share_List_Preset(Tarn_Share_Conf *rec);
+
+/**
+ * Makes a list of records from a list of sections.
+ *
+ * @param out  receives the list (Release_Share_List_Conf); after -ENOMEM the records made so far
+ * @return 0, -EINVAL (also when the first section has no keys), -ENOMEM
+ */
+TARN_API int Tarn_Cluster_All_Share_From_Sect_Node(const Sect_Node *sections, Tarn_Share_Conf **out);
+
+/**
+ * Makes a list of sections from a list of records, with the keys whose bits are set.
+ *
+ * @param out  receives the list (Free_Sect_Node); after a failure the sections made so far
+ * @return 0, -EINVAL (also for a bit whose text is null, and a name or text that would not stay in its line), -ENOMEM
+ */
+TARN_API int Tarn_Cluster_All_Share_To_Sect_Node(const Tarn_Share_Conf *list, Sect_Node **out);
+
+/** Sets the keys whose bits are set in a section; a bit whose text is null removes the key. 0, -EINVAL, -ENOMEM. */
+TARN_API int Tarn_Cluster_Share_To_Sect_Node(const Tarn_Share_Conf *rec, Sect_Node *section);
+
+/** Makes one record from one section (Release_Share_List_Conf). 0, -EINVAL, -ENOMEM. */
+TARN_API int Tarn_Share_From_Sect_Node(const Sect_Node *section, Tarn_Share_Conf **out);
+
+/** Reads a file. Takes the lock. A file without sections leaves out untouched. 0, -EINVAL, -ENOLCK, -errno. */
+TARN_API int Tarn_Cluster_Share_Conf_Read(const char *path, Tarn_Share_Conf **out);
+
+/** Replaces a file by a list of records. Takes the lock. 0, -EINVAL, -ENOLCK, -ENOMEM, -errno. */
+TARN_API int Tarn_Cluster_Share_Conf_Write(const char *path, const Tarn_Share_Conf *list);
+
+/** Reads one share (Release_Share_List_Conf). Takes the lock. 0, -EINVAL, -ENOLCK, -ENOANO, -errno. */
+TARN_API int Tarn_Cluster_Share_Get(const char *path, const char *name, Tarn_Share_Conf **out);
+
+/**
+ * Changes, adds or (rec null) deletes one share. Takes the lock. A record without any known bit does nothing.
+ *
+ * @param name  the share to change; null is none: a record is then added under its own Name
+ * @return 0; -EINVAL; -ENOLCK; -ENOANO when there is none to delete; -ENOMEM; -errno
+ */
+TARN_API int Tarn_Cluster_Share_Set(const char *path, const char *name, const Tarn_Share_Conf *rec);
+
+/* ------------------------------------------------------------------------------------------------------------------
  * Command transport
  *
  * A command is two JSON texts: the command object ("op_code", who it is for, and for op code 1 the handler's name in
@@ -1157,6 +1291,103 @@ TARN_API int Polling_Int_Result(const char *path, int *value);
 TARN_API int System_Log_Append(int type, const char *user, const char *format, ...) TARN_PRINTF(3, 4);
 
 /* ------------------------------------------------------------------------------------------------------------------
+ * Membership
+ *
+ * Senders only: the cluster's service carries these commands out.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Adds an appliance to the cluster; on the master.
+ *
+ * @param address   of the appliance
+ * @param port      of its service; 0 or less: 62695
+ * @param user      of the appliance, who may administer it; null: "admin"
+ * @param password  null sends none. It is not kept or logged by the library.
+ * @param reply     receives the reply (free() it), or null
+ * @return 0; -EINVAL; -ENOMEM; the cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Add_Slave(const char *address, int port, const char *user, const char *password,
+                                    char **reply);
+
+/**
+ * Removes a slave from the cluster; on the master.
+ *
+ * @param slave_id  a slave of /mnt/tarncluster/config/tarn_service_s.conf
+ * @param reply     receives the reply (free() it), or null
+ * @return 0; -EINVAL; -ENOANO when there is no such slave (nothing is sent); the failure of reading the file; -ENOMEM;
+ *         the cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Remove_Slave(const char *slave_id, char **reply);
+
+/** Tells the master that this slave's network changed; on a slave. Results as Tarn_Cluster_Add_Slave. */
+TARN_API int Tarn_Cluster_Update_Network_Info(const char *master_id, char **reply);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Share lists
+ *
+ * Every member holds each member's share list in /mnt/tarncluster/config/share_list, in a file named by the member's
+ * id. A share takes part in the cluster when its section of /etc/config/smb.conf has the key "tarn" with the value yes.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Sends this slave's share list to the master, who passes it on to the other slaves.
+ *
+ * @param reply  receives the master's reply (free() it), or null
+ * @return 0; -EINVAL; the failure of reading the own id or smb.conf (a missing smb.conf is an empty list); -ENOMEM; the
+ *         cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Send_Share_List(const char *master_id, char **reply);
+
+/**
+ * Handler of a share list, on the master and on slaves. Stores it (an empty list empties the file), and on the master
+ * passes it on to the running slaves. A share that lacks one of its five keys makes the whole list fail with -2.
+ *
+ * @return the reply with "return" (free() it): 0, or the last failure; null when the argument is no JSON
+ */
+TARN_API char *Tarn_Cluster_Send_Share_List_Cb(const char *argument);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Slave information
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Sends this slave's description (host name, model, firmware, ports, quota, address) to the master.
+ *
+ * @param reply  receives the master's reply (free() it), or null
+ * @return 0, also when the slave's own record holds nothing; -EINVAL; -ENOANO when the slave has no record; the failure
+ *         of reading its files; -ENOMEM; the cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Send_Slave_Info(const char *master_id, char **reply);
+
+/**
+ * Handler of a slave's description, on the master. Updates the member's record in both files of members; the member is
+ * deleted from them when "MSKey" is the text "NULL". A member that is not listed is never added. The quota is kept in
+ * 32 bits.
+ *
+ * @return the reply with "return" (free() it); null when the argument is no JSON
+ */
+TARN_API char *Tarn_Cluster_Send_Slave_Info_Cb(const char *argument);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Bind address
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Changes the address by which a member is reached; on the master. The address is one of the member's own interfaces',
+ * written as inet_ntop does. A slave may call it with its own id, which does nothing.
+ *
+ * @param member_id  a slave, who stores the change itself; or the master's own id, which is stored here and told to the
+ *                   running slaves
+ * @param reply      receives the slave's reply, or {"result_list": [...]} (free() it); null when nothing was sent
+ * @return 0; -EINVAL (also an address that the master does not have); -EBADRQC when this is no member or a slave with
+ *         another id; the failure of reading or writing a file; -ENOMEM; the last failure of the cluster interface
+ */
+TARN_API int Tarn_Cluster_Update_Bind_Addr(const char *member_id, const char *address, char **reply);
+
+/** Handler of a changed address, on slaves. Returns the reply with "return" (free() it), or null. */
+TARN_API char *Tarn_Cluster_Update_Bind_Addr_Cb(const char *argument);
+
+/* ------------------------------------------------------------------------------------------------------------------
  * Test command
  * --------------------------------------------------------------------------------------------------------------- */
 
@@ -1197,6 +1428,9 @@ int Cluster_Master_Ctrl_Cmd(const char *command, const char *argument, char **re
 
 /** Runs a program with the arguments that follow, ended by a null pointer; returns its wait status. */
 int pelk_exec(int zero1, int zero2, int zero3, const char *program, ...);
+
+/** Writes the appliance's model name; returns 0 when there is one. */
+int Get_Display_Model_Name(char *buffer, int size);
 
 #ifdef __cplusplus
 #ifdef __clang__

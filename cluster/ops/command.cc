@@ -7,12 +7,8 @@
 namespace tarn {
 namespace {
 
-int report_no_memory(const char *function) {
-  TARN_ERROR_AS(function, "Can't create json object! (%d)", -ENOMEM);
-  return -ENOMEM;
-}
-
 int hand_to_platform(Direction direction, const char *command, const char *argument, int timeout_ms, char **reply) {
+  if (direction == Direction::master_control) return Cluster_Master_Ctrl_Cmd(command, argument, reply);
   const bool from_master = direction == Direction::master_to_slave;
   if (timeout_ms == no_timeout) {
     return from_master ? Cluster_Master_Cmd(command, argument, reply) : Cluster_Slave_Cmd(command, argument, reply);
@@ -22,6 +18,11 @@ int hand_to_platform(Direction direction, const char *command, const char *argum
 }
 
 }  // namespace
+
+int report_no_json(const char *function) {
+  TARN_ERROR_AS(function, "Can't create json object! (%d)", -ENOMEM);
+  return -ENOMEM;
+}
 
 const char *identity_key(Direction direction) {
   return direction == Direction::slave_to_master ? "master_id" : "slave_id";
@@ -38,8 +39,14 @@ int send_command(const char *function, Direction direction, const Json_Builder &
   *reply = nullptr;
   const char *command_text = command.serialised();
   const char *argument_text = argument.serialised();
-  if (command_text == nullptr || argument_text == nullptr) return report_no_memory(function);
-  const int result = hand_to_platform(direction, command_text, argument_text, timeout_ms, reply);
+  if (command_text == nullptr || argument_text == nullptr) return report_no_json(function);
+  return send_texts(function, direction, command_text, argument_text, timeout_ms, reply);
+}
+
+int send_texts(const char *function, Direction direction, const char *command, const char *argument, int timeout_ms,
+               char **reply) {
+  *reply = nullptr;
+  const int result = hand_to_platform(direction, command, argument, timeout_ms, reply);
   if (result != 0) TARN_ERROR_AS(function, "Can't send cluster command! (%d)", result);
   return result;
 }
@@ -47,7 +54,7 @@ int send_command(const char *function, Direction direction, const Json_Builder &
 char *handler_reply(const char *function, const Json_Builder &reply) {
   const char *text = reply.serialised();
   if (text == nullptr) {
-    report_no_memory(function);
+    report_no_json(function);
     return nullptr;
   }
   char *copy = nullptr;

@@ -30,6 +30,11 @@ const char *text_of(json_object *value) {
   return errno == ENOMEM ? nullptr : text;
 }
 
+const char *json_text(json_object *value) {
+  const char *text = json_object_to_json_string(value);
+  return text != nullptr ? text : "";
+}
+
 const char *Json_Builder::serialised() const {
   return text_of(object_.get());
 }

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "cluster/ops/abort_flags.h"
+#include "cluster/ops/command.h"
 #include "cluster/ops/escape.h"
-#include "cluster/ops/json.h"
 #include "foundation/owners.h"
 #include "foundation/report.h"
 
@@ -16,11 +16,6 @@ namespace tarn {
 namespace {
 
 constexpr unsigned poll_interval_ms = 1000;
-
-int report_no_json(const char *function) {
-  TARN_ERROR_AS(function, "Can't create json object! (%d)", -ENOMEM);
-  return -ENOMEM;
-}
 
 // Takes an element's path when the element is that of the member; the path found before gives way to it.
 int take_result_path(const char *function, json_object *element, const char *identity, const char *id, char **path,
@@ -44,25 +39,6 @@ int take_result_path(const char *function, json_object *element, const char *ide
   return 0;
 }
 
-// For the log, which must not be handed a null pointer.
-const char *json_text(json_object *value) {
-  const char *text = json_object_to_json_string(value);
-  return text != nullptr ? text : "";
-}
-
-int walk_array(const char *function, json_object *array, const char *identity, const char *id, char **path,
-               Heap_Text *found) {
-  const size_t length = json_object_array_length(array);
-  TARN_DEBUG_AS(function, "Array Length: %d", static_cast<int>(length));
-  for (size_t index = 0; index < length; ++index) {
-    json_object *element = json_object_array_get_idx(array, index);
-    TARN_DEBUG_AS(function, "value[%d]: %s", static_cast<int>(index), json_text(element));
-    const int status = take_result_path(function, element, identity, id, path, found);
-    if (status != 0) return status;
-  }
-  return 0;
-}
-
 }  // namespace
 }  // namespace tarn
 
@@ -83,17 +59,13 @@ int Parse_Result_Path(const char *reply, int mode, const char *id, char **path) 
   if (reply == nullptr || id == nullptr || path == nullptr) return -EINVAL;
   const tarn::Json object = tarn::parse_json(reply);
   if (!object) return tarn::report_no_json(__func__);
-  if (!json_object_is_type(object.get(), json_type_object)) return 0;
 
   const char *identity = mode == 0 ? "slave_id" : "master_id";
   tarn::Heap_Text found;  // the last match; it is the caller's, also when a later element is bad
-  int status = 0;
-  json_object_object_foreach(object.get(), key, member) {
-    static_cast<void>(key);
-    if (!json_object_is_type(member, json_type_array)) continue;
-    status = tarn::walk_array(__func__, member, identity, id, path, &found);
-    if (status != 0) break;
-  }
+  const auto take = [&](json_object *element) {
+    return tarn::take_result_path("Parse_Result_Path", element, identity, id, path, &found);
+  };
+  const int status = tarn::walk_arrays(__func__, object.get(), take);
   static_cast<void>(found.release());
   return status;
 }

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "cluster/records/record_engine.h"
-#include "conf/replacement_file.h"
 
 namespace tarn {
 namespace {
@@ -56,30 +55,28 @@ constexpr auto update_order = positions_by(&Record_Field::update_rank, member_fi
 constexpr Record_Family members = {
     .record_size = sizeof(Member),
     .fields_offset = offsetof(Member, fields),
+    .texts_end = sizeof(Member),
     .known_bits = TARN_SERV_ALL,
-    .name = {offsetof(Member, Name), sizeof Member::Name, TARN_SERV_NAME, TARN_SERV_NAME},
+    .name = {offsetof(Member, Name), sizeof Member::Name, sizeof Member::Name, TARN_SERV_NAME, TARN_SERV_NAME},
     .fields = member_fields,
     .create_order = create_order,
     .update_order = update_order,
     .create_function = "Create_Tarn_Serv_Sect_Node",
+    .lists_are_created_by_it = true,
     .to_sections_function = "Tarn_Cluster_All_Serv_To_Sect_Node",
     .to_records_function = "Tarn_Cluster_All_Serv_From_Sect_Node",
     .to_record_function = "Tarn_Service_From_Sect_Node",
+    .record_noun = "slave",
     .noun = "service",
     .list_noun = "service",
     .structure_noun = "service",
 };
 
-// What the engine made, as the type that the caller knows it by. Nothing made leaves the caller's pointer as it was.
-void hand_over(void *made, Member **out) {
-  if (made != nullptr) *out = static_cast<Member *>(made);
-}
-
 }  // namespace
 }  // namespace tarn
 
 void Release_Serv_List_Conf(Tarn_Serv_Conf *list) {
-  tarn::release_records(list);
+  tarn::release_records(tarn::members, list);
 }
 
 void Tarn_Cluster_Serv_Conf_Preset(Tarn_Serv_Conf *rec) {
@@ -122,9 +119,7 @@ int Tarn_Cluster_Serv_Conf_Read(const char *path, Tarn_Serv_Conf **out) {
 int Tarn_Cluster_Serv_Conf_Write(const char *path, const Tarn_Serv_Conf *list) {
   // No list is not an empty list: it would wipe the cluster's members.
   if (path == nullptr || list == nullptr) return -EINVAL;
-  const tarn::Replacement_Lock lock(path);
-  if (!lock.held()) return tarn::report_no_lock_for_write(__func__, path);
-  return tarn::write_records(tarn::members, __func__, path, list);
+  return tarn::write_records_locked(tarn::members, __func__, path, list);
 }
 
 int Tarn_Cluster_Serv_Conf_Write_NoLock(const char *path, const Tarn_Serv_Conf *list) {
@@ -144,9 +139,7 @@ int Tarn_Cluster_Service_Get(const char *path, const char *name, Tarn_Serv_Conf 
 int Tarn_Cluster_Service_Set(const char *path, const char *name, const Tarn_Serv_Conf *rec) {
   if (path == nullptr || name == nullptr) return -EINVAL;
   if (tarn::sets_nothing(tarn::members, rec)) return 0;
-  const tarn::Replacement_Lock lock(path);
-  if (!lock.held()) return tarn::report_no_lock_for_set(__func__, path);
-  return tarn::set_record(tarn::members, __func__, path, name, rec);
+  return tarn::set_record_locked(tarn::members, __func__, path, name, rec);
 }
 
 int Tarn_Cluster_Service_Set_NoLock(const char *path, const char *name, const Tarn_Serv_Conf *rec) {

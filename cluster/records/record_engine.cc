@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "conf/conf_file.h"
+#include "conf/replacement_file.h"
 #include "foundation/owners.h"
 #include "foundation/report.h"
 
@@ -49,10 +50,17 @@ int64_t number_of(const Record_Field &field, const void *record) {
   return field.kind == Field_Kind::int32 ? load<int32_t>(record, field.offset) : load<int64_t>(record, field.offset);
 }
 
+constexpr size_t heap_text_limit = 4096;  // longer values count as absent
+
 // A text up to its terminator, which may lie behind the field; null when the record holds none.
 const char *text_of(const Record_Family &family, const Record_Field &field, const void *record) {
+  if (field.kind == Field_Kind::heap_text) return load<const char *>(record, field.offset);
   const char *text = bytes_at(record, field.offset);
-  return memchr(text, '\0', family.record_size - field.offset) != nullptr ? text : nullptr;
+  return memchr(text, '\0', family.texts_end - field.offset) != nullptr ? text : nullptr;
+}
+
+bool is_number(const Record_Field &field) {
+  return field.kind == Field_Kind::int32 || field.kind == Field_Kind::int64;
 }
 
 std::string_view name_of(const Record_Family &family, const void *record) {
@@ -77,31 +85,46 @@ int read_number(const Record_Field &field, const Pair_Node *pairs, void *record)
   return status;
 }
 
+int read_heap_text(const Record_Field &field, const Pair_Node *pairs, void *record) {
+  char value[heap_text_limit];
+  int limit = sizeof value;
+  int status = Get_Pair_String_Value(pairs, field.key, value, &limit);
+  if (status != 0) return status;
+  char *copy = nullptr;
+  status = Clone_String(value, &copy, nullptr);
+  store(record, field.offset, copy);
+  return status;
+}
+
 int read_field(const Record_Field &field, Reader reader, const Pair_Node *pairs, void *record) {
   if (field.kind == Field_Kind::int32) return read_number<Get_Pair_Int32_Value, int32_t>(field, pairs, record);
   if (field.kind == Field_Kind::int64) return read_number<Get_Pair_Int64_Value, int64_t>(field, pairs, record);
+  if (field.kind == Field_Kind::heap_text) return read_heap_text(field, pairs, record);
   int limit = reader == Reader::list ? field.list_limit : field.single_limit;
   return Get_Pair_String_Value(pairs, field.key, bytes_at(record, field.offset), &limit);
 }
 
-// A key that is missing, or whose value does not fit, leaves its bit clear.
-void read_section(const Record_Family &family, Reader reader, const Sect_Node *section, void *record) {
-  const size_t name_length = strnlen(section->name, family.name.size);
+// A key that is missing, or whose value does not fit, leaves its bit clear. A text for which memory ends fails the
+// record: without it, the next writer would drop the key.
+int read_section(const Record_Family &family, Reader reader, const Sect_Node *section, void *record) {
+  const size_t name_length = strnlen(section->name, family.name.kept);
   memcpy(bytes_at(record, family.name.offset), section->name, name_length);
   if (reader == Reader::list && name_length > 0) set_bits(family, record, family.name.list_bits);
   for (const Record_Field &field : family.fields) {
-    if (read_field(field, reader, section->pairs, record) == 0) set_bits(family, record, field.bit);
+    const int status = read_field(field, reader, section->pairs, record);
+    if (status == -ENOMEM) return status;
+    if (status == 0) set_bits(family, record, field.bit);
   }
+  return 0;
 }
 
-void *allocate_record(const Record_Family &family, const char *function) {
-  void *record = calloc(1, family.record_size);
-  if (record == nullptr) TARN_ERROR_AS(function, "Can't allocate memory for slave list section! (%d)", -ENOMEM);
-  return record;
+int report_no_memory(const char *function, const char *noun) {
+  TARN_ERROR_AS(function, "Can't allocate memory for %s list section! (%d)", noun, -ENOMEM);
+  return -ENOMEM;
 }
 
 int create_pair(const Record_Family &family, const Record_Field &field, const void *record, Pair_Node **link) {
-  if (field.kind != Field_Kind::text) return Create_Integer_Pair_Node(link, field.key, number_of(field, record));
+  if (is_number(field)) return Create_Integer_Pair_Node(link, field.key, number_of(field, record));
   const char *text = text_of(family, field, record);
   return is_value(text) ? Create_Pair_Node(link, field.key, text) : -EINVAL;
 }
@@ -114,23 +137,36 @@ int create_named_section(const Record_Family &family, const void *record, Sect_N
   return *link != nullptr ? 0 : -ENOMEM;
 }
 
-// Appends a section with the keys whose bits are set.
-int create_section(const Record_Family &family, const void *record, Sect_Node **link) {
-  int status = create_named_section(family, record, link);
-  if (status != 0) {
-    TARN_DEBUG_AS(family.create_function, "Can't crate a sect node error! (%d)", status);
-    return status;
-  }
+int add_pairs(const Record_Family &family, const void *record, Sect_Node **link) {
   const uint32_t mask = mask_of(family, record);
   Chain_End<Pair_Node> end(&(*link)->pairs);
   for (const uint8_t position : family.create_order) {
     const Record_Field &field = family.fields[position];
     if ((mask & field.bit) == 0) continue;
-    status = create_pair(family, field, record, end.link());
+    const int status = create_pair(family, field, record, end.link());
     if (status != 0) return status;
     end.advance();
   }
   return 0;
+}
+
+// Appends a section with the keys whose bits are set.
+int create_section(const Record_Family &family, const void *record, Sect_Node **link) {
+  const int status = create_named_section(family, record, link);
+  if (status == 0) return add_pairs(family, record, link);
+  TARN_DEBUG_AS(family.create_function, "Can't crate a sect node error! (%d)", status);
+  return status;
+}
+
+// The same for a record of a list, with the list's own report.
+int create_listed_section(const Record_Family &family, const void *record, Sect_Node **link) {
+  const bool by_create = family.lists_are_created_by_it;
+  int status = by_create ? create_section(family, record, link) : create_named_section(family, record, link);
+  if (status != 0) {
+    TARN_ERROR_AS(family.to_sections_function, "Can't allocate a section node for a Tarn cluster slave conf!");
+    return status;
+  }
+  return by_create ? 0 : add_pairs(family, record, link);
 }
 
 int rename_section(std::string_view name, Sect_Node *section) {
@@ -142,8 +178,10 @@ int rename_section(std::string_view name, Sect_Node *section) {
 }
 
 int update_pair(const Record_Family &family, const Record_Field &field, const void *record, Pair_Node **chain) {
-  if (field.kind != Field_Kind::text) return Set_Pair_Integer_Value(chain, field.key, number_of(field, record));
+  if (is_number(field)) return Set_Pair_Integer_Value(chain, field.key, number_of(field, record));
   const char *text = text_of(family, field, record);
+  // A set bit without a text removes the key.
+  if (field.kind == Field_Kind::heap_text && text == nullptr) return Set_Pair_String_Value(chain, field.key, nullptr);
   return is_value(text) ? Set_Pair_String_Value(chain, field.key, text) : -EINVAL;
 }
 
@@ -153,10 +191,16 @@ int update_file(const char *function, const char *path, const Sect_Node *section
   return status;
 }
 
-// Deletes, updates or appends one section of a chain.
+Sect_Node **end_of(Sect_Node **chain) {
+  while (*chain != nullptr) chain = &(*chain)->next;
+  return chain;
+}
+
+// Deletes, updates or appends one section of a chain. No name is that of no section.
 int change_sections(const Record_Family &family, const char *function, const char *name, const void *record,
                     Sect_Node **chain) {
-  Sect_Node **link = find_section_link(chain, name);
+  Sect_Node **link = name != nullptr ? find_section_link(chain, name) : end_of(chain);
+  if (name == nullptr) name = "";  // for the log
   if (record == nullptr) {
     if (*link == nullptr) return -ENOANO;
     Free_Sect_Node(unlink_node(link));
@@ -176,9 +220,12 @@ int change_sections(const Record_Family &family, const char *function, const cha
 
 }  // namespace
 
-void release_records(void *list) {
+void release_records(const Record_Family &family, void *list) {
   while (list != nullptr) {
     void *next = load<void *>(list, 0);
+    for (const Record_Field &field : family.fields) {
+      if (field.kind == Field_Kind::heap_text) free(load<void *>(list, field.offset));
+    }
     free(list);
     list = next;
   }
@@ -189,15 +236,16 @@ int sections_to_records(const Record_Family &family, const Sect_Node *sections, 
   *out = nullptr;
   void *last = nullptr;
   for (; sections != nullptr; sections = sections->next) {
-    void *record = allocate_record(family, family.to_records_function);
-    if (record == nullptr) return -ENOMEM;
+    void *record = calloc(1, family.record_size);
+    if (record == nullptr) return report_no_memory(family.to_records_function, "slave");
     if (last == nullptr) {
       *out = record;
     } else {
       store(last, 0, record);
     }
     last = record;
-    read_section(family, Reader::list, sections, record);
+    const int status = read_section(family, Reader::list, sections, record);
+    if (status != 0) return report_no_memory(family.to_records_function, "slave");
   }
   return 0;
 }
@@ -207,11 +255,8 @@ int records_to_sections(const Record_Family &family, const void *list, Sect_Node
   *out = nullptr;
   Chain_End<Sect_Node> end(out);
   for (; list != nullptr; list = next_record(list)) {
-    const int status = create_section(family, list, end.link());
-    if (status != 0) {
-      TARN_ERROR_AS(family.to_sections_function, "Can't allocate a section node for a Tarn cluster slave conf!");
-      return status;
-    }
+    const int status = create_listed_section(family, list, end.link());
+    if (status != 0) return status;
     end.advance();
   }
   return 0;
@@ -219,9 +264,13 @@ int records_to_sections(const Record_Family &family, const void *list, Sect_Node
 
 int section_to_record(const Record_Family &family, const Sect_Node *section, void **out) {
   if (section == nullptr || out == nullptr) return -EINVAL;
-  *out = allocate_record(family, family.to_record_function);
-  if (*out == nullptr) return -ENOMEM;
-  read_section(family, Reader::single, section, *out);
+  *out = nullptr;
+  void *record = calloc(1, family.record_size);
+  if (record == nullptr || read_section(family, Reader::single, section, record) != 0) {
+    release_records(family, record);
+    return report_no_memory(family.to_record_function, family.record_noun);
+  }
+  *out = record;
   return 0;
 }
 
@@ -293,14 +342,38 @@ bool sets_nothing(const Record_Family &family, const void *record) {
   return record != nullptr && (mask_of(family, record) & family.known_bits) == 0;
 }
 
-int report_no_lock_for_set(const char *function, const char *path) {
+namespace {
+
+int report_no_lock(const char *function, const char *path) {
   TARN_ERROR_AS(function, "Can't get file lock of %s error!", path);
   return -ENOLCK;
 }
 
-int report_no_lock_for_write(const char *function, const char *path) {
+}  // namespace
+
+int read_records_locked(const Record_Family &family, const char *function, const char *path, void **out) {
+  const File_Lock lock(path);
+  return lock.held() ? read_records(family, function, path, out) : report_no_lock(function, path);
+}
+
+int write_records_locked(const Record_Family &family, const char *function, const char *path, const void *list) {
+  const Replacement_Lock lock(path);
+  if (lock.held()) return write_records(family, function, path, list);
+  // One word less than the others have.
   TARN_ERROR_AS(function, "Can't get file lock of %s!", path);
   return -ENOLCK;
+}
+
+int get_record_locked(const Record_Family &family, const char *function, const char *path, const char *name,
+                      void **out) {
+  const File_Lock lock(path);
+  return lock.held() ? get_record(family, function, path, name, out) : report_no_lock(function, path);
+}
+
+int set_record_locked(const Record_Family &family, const char *function, const char *path, const char *name,
+                      const void *record) {
+  const Replacement_Lock lock(path);
+  return lock.held() ? set_record(family, function, path, name, record) : report_no_lock(function, path);
 }
 
 }  // namespace tarn

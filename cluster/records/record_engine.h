@@ -12,14 +12,19 @@
 
 namespace tarn {
 
-enum class Field_Kind : uint8_t { int32, int64, text };
+enum class Field_Kind : uint8_t {
+  int32,
+  int64,
+  text,       // in the record's own bytes
+  heap_text,  // a pointer to a text of the record's own
+};
 
 struct Record_Field {
   const char *key;
   uint32_t bit;
   Field_Kind kind;
   uint16_t offset;
-  uint16_t list_limit;    // bytes that the list reader takes of a text, terminator included
+  uint16_t list_limit;    // bytes that the list reader takes of a text in the record, terminator included
   uint16_t single_limit;  // and the reader of a single section
   uint8_t create_rank;    // place among the keys of a new section
   uint8_t update_rank;    // place in which an existing section is updated
@@ -28,7 +33,8 @@ struct Record_Field {
 // The section's name in the record.
 struct Record_Name {
   uint16_t offset;
-  uint16_t size;       // a name of this length or longer is kept without terminator
+  uint16_t size;
+  uint16_t kept;       // bytes that readers copy: a name of the field's size or longer is kept without terminator
   uint32_t bit;        // renames the section in an update
   uint32_t list_bits;  // set by the list reader for a name that is not empty
 };
@@ -36,6 +42,7 @@ struct Record_Name {
 struct Record_Family {
   size_t record_size;
   size_t fields_offset;  // of the mask; the link to the next record stands at 0
+  size_t texts_end;      // where the last text ends at the latest
   uint32_t known_bits;
   Record_Name name;
   std::span<const Record_Field> fields;   // in the order in which they are read
@@ -43,9 +50,11 @@ struct Record_Family {
   std::span<const uint8_t> update_order;
   // The names under which the conversions report, whoever calls them.
   const char *create_function;       // one new section
+  bool lists_are_created_by_it;      // that a list's conversion reports so, too, and reports keys that cannot be made
   const char *to_sections_function;  // a list to sections
   const char *to_records_function;   // sections to a list
   const char *to_record_function;    // one section to a record
+  const char *record_noun;           // "Can't allocate memory for NOUN list section!", of one section to a record
   const char *noun;                  // "... the sect node for NOUN NAME error!"
   const char *list_noun;             // "Translate NOUN list to section Node error!"
   const char *structure_noun;        // "... to a Tarn NOUN structure!"
@@ -70,25 +79,36 @@ constexpr bool limits_stay_within(size_t record_size, const std::array<Record_Fi
   });
 }
 
-void release_records(void *list);
+void release_records(const Record_Family &family, void *list);
+
+// Hands out what the engine made as the type that the caller knows it by. Nothing made leaves the pointer as it was.
+template <typename Record>
+void hand_over(void *made, Record **out) {
+  if (made != nullptr) *out = static_cast<Record *>(made);
+}
 
 int sections_to_records(const Record_Family &family, const Sect_Node *sections, void **out);
 int records_to_sections(const Record_Family &family, const void *list, Sect_Node **out);
 int section_to_record(const Record_Family &family, const Sect_Node *section, void **out);
 int update_section(const Record_Family &family, const void *record, Sect_Node *section);
 
-// The file operations report under the name of the exported function that is handed in. Those that write are for who
-// holds the lock.
+// The file operations report under the name of the exported function that is handed in. These are for who holds the
+// lock, or needs none.
 int read_records(const Record_Family &family, const char *function, const char *path, void **out);
 int write_records(const Record_Family &family, const char *function, const char *path, const void *list);
 int get_record(const Record_Family &family, const char *function, const char *path, const char *name, void **out);
 int set_record(const Record_Family &family, const char *function, const char *path, const char *name,
                const void *record);
 
+// The same under the file's lock.
+int read_records_locked(const Record_Family &family, const char *function, const char *path, void **out);
+int write_records_locked(const Record_Family &family, const char *function, const char *path, const void *list);
+int get_record_locked(const Record_Family &family, const char *function, const char *path, const char *name,
+                      void **out);
+int set_record_locked(const Record_Family &family, const char *function, const char *path, const char *name,
+                      const void *record);
+
 // Whether a record is given that has nothing to say: Set then does nothing at all.
 bool sets_nothing(const Record_Family &family, const void *record);
-
-int report_no_lock_for_set(const char *function, const char *path);
-int report_no_lock_for_write(const char *function, const char *path);
 
 }  // namespace tarn
