@@ -1,14 +1,17 @@
 #include <tarncluster_util.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
 #include <iostream>
+#include <thread>
 
 #include "report.h"
 
 namespace tool {
 namespace {
-
-constexpr const char *master_id = "0";
 
 struct Arguments {
   std::string peer;
@@ -39,20 +42,6 @@ Route route_to(const Arguments &arguments) {
   return {1, arguments.peer.empty() ? master_id : arguments.peer};
 }
 
-void print_reply(int status, char *reply_text, const std::string &what, bool as_json) {
-  const Text reply(reply_text);
-  check(status, what);
-  const Json object(json_tokener_parse(reply ? reply.get() : ""));
-  if (as_json && object) {
-    print_json(object);
-    return;
-  }
-  json_object *received = nullptr;
-  if (json_object_object_get_ex(object.get(), "received", &received)) {
-    std::cout << json_object_get_string(received) << "\n";
-  }
-}
-
 void send_test(const Arguments &arguments, bool as_json) {
   const Route route = route_to(arguments);
   char *reply = nullptr;
@@ -68,13 +57,79 @@ void check_transfer(const Text &reply, const std::string &what) {
   if (reply && Parse_Cluster_Cmd_Status(reply.get(), &status) == 0) check(status, what);
 }
 
+// A bar on the terminal while a transfer runs, from the percentage that is kept in a file. Nothing where standard error
+// is no terminal.
+class Progress_Bar {
+ public:
+  explicit Progress_Bar(std::string file) : file_(std::move(file)) {
+    if (isatty(STDERR_FILENO) == 1) drawer_ = std::thread([this] { draw_until_done(); });
+  }
+  ~Progress_Bar() {
+    done_ = true;
+    if (drawer_.joinable()) drawer_.join();
+  }
+  Progress_Bar(const Progress_Bar &) = delete;
+  Progress_Bar &operator=(const Progress_Bar &) = delete;
+
+ private:
+  void draw_until_done() const {
+    while (!done_) {
+      draw();
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    draw();
+    std::cerr << "\n";
+  }
+  void draw() const {
+    constexpr int width = 40;
+    int percent = 0;
+    std::ifstream(file_) >> percent;
+    const int filled = std::clamp(percent, 0, 100) * width / 100;
+    std::cerr << "\r[" << std::string(filled, '#') << std::string(width - filled, ' ') << "] " << percent << "%"
+              << std::flush;
+  }
+
+  const std::string file_;
+  std::atomic<bool> done_ = false;
+  std::thread drawer_;
+};
+
+// The file for the percentage: the caller's, or one for the bar alone.
+class Progress_File {
+ public:
+  explicit Progress_File(const std::string &given) : path_(given) {
+    if (!given.empty() || isatty(STDERR_FILENO) != 1) return;
+    char folder[] = "/tmp/tarncluster-XXXXXX";
+    if (mkdtemp(folder) == nullptr) return;
+    folder_ = folder;
+    path_ = folder_ + "/progress";
+  }
+  ~Progress_File() {
+    if (folder_.empty()) return;
+    unlink(path_.c_str());
+    rmdir(folder_.c_str());
+  }
+  Progress_File(const Progress_File &) = delete;
+  Progress_File &operator=(const Progress_File &) = delete;
+
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_, folder_;
+};
+
 void move_file(Transfer transfer, const Arguments &arguments, bool as_json) {
   const Route route = route_to(arguments);
-  const char *progress = arguments.progress.empty() ? nullptr : arguments.progress.c_str();
+  const Progress_File file(arguments.progress);
+  const char *progress = file.path().empty() ? nullptr : file.path().c_str();
   const std::string what = "cannot move " + arguments.source + " to " + arguments.destination;
   char *text = nullptr;
-  const int status =
-      transfer(route.mode, route.id.c_str(), arguments.source.c_str(), arguments.destination.c_str(), progress, &text);
+  int status = 0;
+  {
+    const Progress_Bar bar(file.path());
+    status = transfer(route.mode, route.id.c_str(), arguments.source.c_str(), arguments.destination.c_str(), progress,
+                      &text);
+  }
   Text reply(text);
   check(status, what);
   check_transfer(reply, what);

@@ -37,7 +37,10 @@ int main(int argc, char **argv) {
   tool::add_conf_commands(app, settings);
   tool::add_member_commands(app, settings);
   tool::add_cluster_commands(app, settings);
+  tool::add_share_commands(app, settings);
+  tool::add_network_commands(app, settings);
   tool::add_lock_commands(app);
+  tool::add_completion_command(app);
 
   try {
     app.parse(argc, argv);

@@ -1,8 +1,11 @@
 #include <tarncluster_util.h>
 
+#include <unistd.h>
+
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 
 #include "report.h"
@@ -162,8 +165,48 @@ void set_member(const std::string &file, const std::string &name, const std::vec
   check(Tarn_Cluster_Service_Set(file.c_str(), name.c_str(), &record), "cannot set " + name + " in " + file);
 }
 
+// A password stands in no list of processes: it comes from the terminal, a file or standard input ("-").
+std::string read_password(const std::string &file) {
+  if (file.empty()) {
+    const char *typed = getpass("Password: ");
+    if (typed == nullptr) throw Failure("no terminal to ask for the password; give --password-file");
+    return typed;
+  }
+  std::ifstream opened;
+  if (file != "-") opened.open(file);
+  std::istream &source = file == "-" ? std::cin : opened;
+  std::string password;
+  if (!std::getline(source, password)) throw Failure("cannot read a password from " + file);
+  return password;
+}
+
+struct New_Member {
+  std::string address, user = "admin", password_file;
+  int port = 0;
+};
+
+void add_member(const New_Member &member, bool as_json) {
+  const std::string password = read_password(member.password_file);
+  char *reply = nullptr;
+  const int status =
+      Tarn_Cluster_Add_Slave(member.address.c_str(), member.port, member.user.c_str(), password.c_str(), &reply);
+  const std::string what = "cannot add " + member.address;
+  if (as_json) return check_reply(status, reply, what, as_json);
+  const Text owner(reply);
+  check(status, what);
+  const Json object(json_tokener_parse(reply != nullptr ? reply : ""));
+  json_object *id = nullptr;
+  if (json_object_object_get_ex(object.get(), "slave_id", &id)) std::cout << json_object_get_string(id) << "\n";
+}
+
+void remove_member(const std::string &name, bool as_json) {
+  char *reply = nullptr;
+  const int status = Tarn_Cluster_Remove_Slave(name.c_str(), &reply);
+  check_reply(status, reply, "cannot remove " + name, as_json);
+}
+
 struct Arguments {
-  std::string file = "/mnt/tarncluster/config/tarn_service_s.conf";
+  std::string file = members_file;
   std::string name;
   std::vector<std::string> assignments;
 };
@@ -175,6 +218,21 @@ void add_member_commands(CLI::App &app, const Settings &settings) {
   member->require_subcommand(1);
   auto arguments = std::make_shared<Arguments>();
   member->add_option("--file", arguments->file, "The service file")->capture_default_str();
+
+  auto fresh = std::make_shared<New_Member>();
+  CLI::App *add = member->add_subcommand("add", "Add an appliance to the cluster, as a slave; on the master");
+  add->add_option("ADDRESS", fresh->address, "The appliance's address")->required();
+  add->add_option("--port", fresh->port, "The port of its service (62695)");
+  add->add_option("--user", fresh->user, "Its administrator")->capture_default_str();
+  add->add_option("--password-file", fresh->password_file,
+                  "A file whose first line is the password; - for standard input. Asked for when left out");
+  add->footer("Prints the new slave's id.\n\nExample: tarncluster member add 10.77.0.12 --user admin");
+  add->callback([fresh, &settings] { add_member(*fresh, settings.json); });
+
+  CLI::App *leave = member->add_subcommand("remove", "Remove a slave from the cluster; on the master");
+  leave->add_option("NAME", arguments->name, "The slave")->required();
+  leave->footer("Example: tarncluster member remove QN2a1b3c");
+  leave->callback([arguments, &settings] { remove_member(arguments->name, settings.json); });
 
   CLI::App *list = member->add_subcommand("list", "List the members");
   list->footer("Example: tarncluster member list");

@@ -35,6 +35,29 @@ void print_json(const Json &json) {
             << "\n";
 }
 
+void print_reply(int status, char *reply_text, const std::string &what, bool as_json) {
+  const Text reply(reply_text);
+  check(status, what);
+  const Json object(json_tokener_parse(reply ? reply.get() : ""));
+  if (as_json && object) {
+    print_json(object);
+    return;
+  }
+  json_object *received = nullptr;
+  if (json_object_object_get_ex(object.get(), "received", &received)) {
+    std::cout << json_object_get_string(received) << "\n";
+  }
+}
+
+void check_reply(int status, char *reply, const std::string &what, bool as_json) {
+  Text owner(reply);
+  check(status, what);
+  const Json object(json_tokener_parse(reply != nullptr ? reply : ""));
+  json_object *code = nullptr;
+  if (json_object_object_get_ex(object.get(), "return", &code)) check(json_object_get_int(code), what);
+  print_reply(0, owner.release(), what, as_json);
+}
+
 void print_table(const std::vector<std::string> &titles, const std::vector<std::vector<std::string>> &rows) {
   std::vector<size_t> widths;
   for (const std::string &title : titles) widths.push_back(title.size());

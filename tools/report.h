@@ -34,6 +34,16 @@ using Json = std::unique_ptr<json_object, Put>;
 
 void print_json(const Json &json);
 
+// What a command to other members came to: throws when the status is not 0; else prints the reply, as JSON or as the
+// text that it holds.
+void print_reply(int status, char *reply, const std::string &what, bool as_json);
+
+// The same, and throws when the member that carried the command out answered with a failure ("return").
+void check_reply(int status, char *reply, const std::string &what, bool as_json);
+
+constexpr const char *master_id = "0";
+constexpr const char *members_file = "/mnt/tarncluster/config/tarn_service_s.conf";
+
 // A table for people: columns as wide as their longest cell.
 void print_table(const std::vector<std::string> &titles, const std::vector<std::vector<std::string>> &rows);
 
@@ -45,6 +55,9 @@ struct Settings {
 void add_conf_commands(CLI::App &app, const Settings &settings);
 void add_member_commands(CLI::App &app, const Settings &settings);
 void add_cluster_commands(CLI::App &app, const Settings &settings);
+void add_share_commands(CLI::App &app, const Settings &settings);
+void add_network_commands(CLI::App &app, const Settings &settings);
 void add_lock_commands(CLI::App &app);
+void add_completion_command(CLI::App &app);
 
 }  // namespace tool
