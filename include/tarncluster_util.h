@@ -1217,6 +1217,168 @@ TARN_API int Tarn_Cluster_Share_Get(const char *path, const char *name, Tarn_Sha
 TARN_API int Tarn_Cluster_Share_Set(const char *path, const char *name, const Tarn_Share_Conf *rec);
 
 /* ------------------------------------------------------------------------------------------------------------------
+ * Backup settings
+ *
+ * One record in one section, "global", of a file of the caller's. Both file functions take the lock.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+#define TARN_BACKUP_SCHEDULE 0x1u       /**< bit of Schedule */
+#define TARN_BACKUP_STATUS 0x2u         /**< bit of Status */
+#define TARN_BACKUP_LAST_BACKUP 0x4u    /**< bit of LastBackup */
+#define TARN_BACKUP_LAST_RESTORE 0x8u   /**< bit of LastRestore */
+#define TARN_BACKUP_SCHEDULE_TIME 0x20u /**< bit of ScheduleTime */
+#define TARN_BACKUP_PID 0x40u           /**< bit of PID */
+#define TARN_BACKUP_ADDRESS 0x80u       /**< bit of Address */
+#define TARN_BACKUP_PASSWORD 0x100u     /**< bit of Password */
+#define TARN_BACKUP_PATH 0x200u         /**< bit of BackupPath */
+#define TARN_BACKUP_FILE 0x400u         /**< bit of BackupFile */
+#define TARN_BACKUP_RESTORE_PATH 0x800u /**< bit of RestorePath */
+#define TARN_BACKUP_ALL 0xFEFu          /**< every bit of fields; 0x10 is none */
+
+/**
+ * The settings of the scheduled backup. Every text is read with a limit of 4096 bytes: a longer value than its field
+ * runs on into the fields behind it, which are read later. Whoever shows a text bounds it by its field.
+ */
+typedef struct Tarn_Backup_Conf {
+  unsigned int fields;    /**< which fields are set: TARN_BACKUP_... bits */
+  int Schedule;           /**< kind of schedule */
+  int Status;             /**< state of the backup */
+  int PID;                /**< process of the running backup; -1: none */
+  int64_t LastBackup;     /**< seconds since the epoch */
+  int64_t LastRestore;    /**< seconds since the epoch */
+  char ScheduleTime[64];  /**< time of the schedule, as its programs write it */
+  char Address[64];       /**< target */
+  char Password[65];      /**< password for the target */
+  char BackupPath[4096];  /**< folder */
+  char BackupFile[255];   /**< name of the file */
+  char RestorePath[4096]; /**< source of a restore */
+} Tarn_Backup_Conf;
+
+/** Zeroes a record and sets PID to -1; null is ignored. */
+TARN_API void Tarn_Backup_Conf_Preset(Tarn_Backup_Conf *rec);
+
+/** Presets a record and reads the keys of a section. Returns 0, or -EINVAL (also for a section without keys). */
+TARN_API int Tarn_Backup_Conf_From_Sect_Node(const Sect_Node *section, Tarn_Backup_Conf *rec);
+
+/**
+ * Adds the keys whose bits are set at the end of the first section; keys that are there are not replaced.
+ *
+ * @param sections  holder of a list with a section in it
+ * @return 0; -EINVAL (also for a text that would not stay in its line); -ENOMEM
+ */
+TARN_API int Tarn_Backup_Conf_To_Sect_Node(const Tarn_Backup_Conf *rec, Sect_Node **sections);
+
+/**
+ * Reads the first section of a file, whatever its name. Takes the lock. A file without sections presets the record.
+ *
+ * @return 0; -EINVAL; -ENOLCK; -ENOENT and other -errno (the record untouched)
+ */
+TARN_API int Tarn_Backup_Conf_Read(const char *path, Tarn_Backup_Conf *rec);
+
+/**
+ * Replaces a file by one section with the keys whose bits are set; keys without are gone. Takes the lock. A record
+ * without any known bit does nothing. Returns 0, -EINVAL, -ENOLCK, -ENOMEM, -errno.
+ */
+TARN_API int Tarn_Backup_Conf_Write(const char *path, const Tarn_Backup_Conf *rec);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Background tasks
+ *
+ * One section for each task, named by its id; a member's backup is MEMBER_b, its restore MEMBER_r. Every function on
+ * files takes the lock, those that read included.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+#define TARN_TASK_PROGRESS 0x1u  /**< bit of progress */
+#define TARN_TASK_STATUS 0x2u    /**< bit of status */
+#define TARN_TASK_SLAVE_ID 0x4u  /**< bit of slave_id */
+#define TARN_TASK_TYPE_NAME 0x8u /**< bit of type_name */
+#define TARN_TASK_ID 0x10u       /**< bit of task_id */
+#define TARN_TASK_NAME 0x20u     /**< bit of task_name */
+
+#define TARN_TASK_FINISHED 7 /**< status: finished */
+#define TARN_TASK_FAILED 8   /**< status: failed */
+
+/** One background task. */
+typedef struct Backgrnd_Task_Conf {
+  struct Backgrnd_Task_Conf *next; /**< next record in file order, or null */
+  unsigned int fields;             /**< which fields are set: TARN_TASK_... bits */
+  double progress;                 /**< key "progress", as the task counts it */
+  int status;                      /**< key "status" */
+  char slave_id[9];                /**< key "slave_id": the member that it is about */
+  char type_name[128];             /**< key "type_name" */
+  char task_id[128];               /**< key "task_id", and the section's name */
+  char task_name[128];             /**< key "task_name", for people */
+} Backgrnd_Task_Conf;
+
+/** Frees a list of records; null is ignored. */
+TARN_API void Release_Backgrnd_Task_Conf(Backgrnd_Task_Conf *list);
+
+/** Zeroes a record; null is ignored. */
+TARN_API void Backgrnd_Task_Conf_Preset(Backgrnd_Task_Conf *rec);
+
+/**
+ * Makes a list of records from a list of sections. A section's name becomes the task_id unless the key says another,
+ * and sets the bit of progress: every named task is written back with a progress.
+ *
+ * @param out  receives the list (Release_Backgrnd_Task_Conf); after -ENOMEM the records made so far
+ * @return 0, -EINVAL (also when the first section has no keys), -ENOMEM
+ */
+TARN_API int Backgrnd_Task_All_Task_From_Sect_Node(const Sect_Node *sections, Backgrnd_Task_Conf **out);
+
+/**
+ * Makes a list of sections from a list of records. The progress of the FIRST record is written for every record;
+ * callers depend on it. Change one task with Backgrnd_Task_Set.
+ *
+ * @param out  receives the list (Free_Sect_Node); after a failure the sections made so far
+ * @return 0, -EINVAL, -ENOMEM
+ */
+TARN_API int Backgrnd_Task_All_Task_To_Sect_Node(const Backgrnd_Task_Conf *list, Sect_Node **out);
+
+/** Sets the keys whose bits are set in a section, which keeps its name. Returns 0, -EINVAL, -ENOMEM. */
+TARN_API int Backgrnd_Task_Task_To_Sect_Node(const Backgrnd_Task_Conf *rec, Sect_Node *section);
+
+/** Makes one record (free()) from one section's keys; its name is not copied. Returns 0, -EINVAL, -ENOMEM. */
+TARN_API int Backgrnd_Task_From_Sect_Node(const Sect_Node *section, Backgrnd_Task_Conf **out);
+
+/** Reads a file. Takes the lock. A file without sections leaves out untouched. 0, -EINVAL, -ENOLCK, -errno. */
+TARN_API int Backgrnd_Task_Conf_Read(const char *path, Backgrnd_Task_Conf **out);
+
+/** Replaces a file by a list of records, see Backgrnd_Task_All_Task_To_Sect_Node. Takes the lock. */
+TARN_API int Backgrnd_Task_Conf_Write(const char *path, const Backgrnd_Task_Conf *list);
+
+/** Reads one task (free()). Takes the lock. 0, -EINVAL, -ENOLCK, -ENOANO, -errno. */
+TARN_API int Backgrnd_Task_Get(const char *path, const char *name, Backgrnd_Task_Conf **out);
+
+/** Changes, adds (under the record's task_id) or, with rec null, deletes one task. Takes the lock. */
+TARN_API int Backgrnd_Task_Set(const char *path, const char *name, const Backgrnd_Task_Conf *rec);
+
+/**
+ * Sets the progress of a member's task in /tmp/druvosrv/tarn_backup.conf, when the task has one. Takes the lock twice,
+ * for reading and for writing.
+ *
+ * @param name       the member, at most 127 characters
+ * @param is_backup  0: its restore
+ * @return 0, -EINVAL, -ENOANO, or as Backgrnd_Task_Get and _Set
+ */
+TARN_API int Set_Backgrnd_Task_Progress(const char *name, int is_backup, double progress);
+
+/** Sets a task's final status, when it has one: failed for a negative result, finished for 0; above 0 none. */
+TARN_API int Update_Backgrnd_Task_Status(const char *name, int is_backup, int result);
+
+/**
+ * Asks a member's web service to make or change a background task, by /sbin/curl without a shell; takes up to about 20
+ * seconds. The whole command has at most 511 characters.
+ *
+ * @param host    name or address, without ";" and "`"
+ * @param sid     session of the web service
+ * @param extra   further query text, or null
+ * @param status  receives the service's answer; untouched when there is none; may be null
+ * @return always -1, also after success: look at status; -ENOENT when no process can be made
+ */
+TARN_API int backup_restore_set_remote_bg_task(const char *host, const char *sid, int port, int backup, int create_bg,
+                                               int progress, const char *extra, int *status);
+
+/* ------------------------------------------------------------------------------------------------------------------
  * Command transport
  *
  * A command is two JSON texts: the command object ("op_code", who it is for, and for op code 1 the handler's name in
@@ -1388,6 +1550,62 @@ TARN_API int Tarn_Cluster_Update_Bind_Addr(const char *member_id, const char *ad
 TARN_API char *Tarn_Cluster_Update_Bind_Addr_Cb(const char *argument);
 
 /* ------------------------------------------------------------------------------------------------------------------
+ * Discovery
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** One appliance that announces the cluster service on the local network. Its texts are whatever it announced. */
+typedef struct Tarn_Browse_Serv {
+  struct Tarn_Browse_Serv *next; /**< next record, or null */
+  int port;                      /**< of the service, for Tarn_Cluster_Add_Slave */
+  int webport;                   /**< web port */
+  int sslwebport;                /**< secure web port */
+  int master;                    /**< not 0: it is a master */
+  char address[64];              /**< address as text */
+  char hostname[16];             /**< host name without its domain */
+} Tarn_Browse_Serv;
+
+/**
+ * Lists the other appliances that announce themselves as "_tarncluster._tcp", by /usr/sbin/avahi-browse. Announcements
+ * that lack a part, or have a port of 0, are left out.
+ *
+ * @param list  receives the list (Free_Browse_Serv), or null
+ * @return the number of records; -EINVAL; -errno when the browser cannot be started; -ENOMEM, or the failure of reading
+ *         this machine's own addresses: the records found are in the list all the same
+ */
+TARN_API int Tarn_Cluster_Browse_Slave(Tarn_Browse_Serv **list);
+
+/** Frees a list; null is ignored. */
+TARN_API void Free_Browse_Serv(Tarn_Browse_Serv *list);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Cluster backup
+ *
+ * A slave packs its configuration in a process of its own, tells the master of its progress, and sends a result file.
+ * Packing is the first half of the backup, so what is stored is half of what is reported.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Asks a slave to back itself up; on the master.
+ *
+ * @param backup_path  the file to make, on the slave
+ * @param reply        receives the reply (free() it), or null
+ * @return 0; -EINVAL; -ENOMEM; the cluster interface's own code
+ */
+TARN_API int Tarn_Cluster_Backup(const char *slave_id, const char *backup_path, char **reply);
+
+/**
+ * Handler of a backup, on the slave. Starts the worker process and answers at once, with 0 also when it could not be
+ * started. Returns the reply (free() it), or null.
+ */
+TARN_API char *Tarn_Cluster_Backup_Cb(const char *argument);
+
+/** Tells the master how much is packed (0 to 100); on a slave. Results as Tarn_Cluster_Backup, and of the own id. */
+TARN_API int Tarn_Cluster_Backup_Set_Pack_Prg(const char *master_id, int progress, char **reply);
+
+/** Handler of that, on the master: stores half of it with the member and with its task. Returns the reply, or null. */
+TARN_API char *Tarn_Cluster_Backup_Set_Pack_Prg_Cb(const char *argument);
+
+/* ------------------------------------------------------------------------------------------------------------------
  * Test command
  * --------------------------------------------------------------------------------------------------------------- */
 
@@ -1431,6 +1649,11 @@ int pelk_exec(int zero1, int zero2, int zero3, const char *program, ...);
 
 /** Writes the appliance's model name; returns 0 when there is one. */
 int Get_Display_Model_Name(char *buffer, int size);
+
+/** Posts a notice on the appliance. */
+int SendNoticeToLogEngine(int n1, int n2, int n3, const char *s4, int n5, const char *s6, int n7, int n8, int n9,
+                          const char *s10, const char *s11, const char *s12, const char *s13, int n14, int n15,
+                          const char *message);
 
 #ifdef __cplusplus
 #ifdef __clang__

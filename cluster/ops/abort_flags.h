@@ -7,10 +7,18 @@
 
 namespace tarn {
 
-// Read anew at every wait: the flag's owner may set it from another thread or a signal handler, or register another.
-inline int abort_flag() {
-  int *flag = std::atomic_ref<int *>(g_pbAbort).load(std::memory_order_relaxed);
+// Read anew at every wait: a flag's owner may set it from another thread or a signal handler, or register another.
+inline int registered_flag(int *&pointer) {
+  int *flag = std::atomic_ref<int *>(pointer).load(std::memory_order_relaxed);
   return flag != nullptr ? std::atomic_ref<int>(*flag).load(std::memory_order_relaxed) : 0;
+}
+
+inline int abort_flag() {
+  return registered_flag(g_pbAbort);
+}
+
+inline int slave_on_master_flag() {
+  return registered_flag(g_pbSlaveOnMaster);
 }
 
 }  // namespace tarn

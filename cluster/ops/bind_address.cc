@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "cluster/ops/members.h"
+#include "cluster/ops/own_addresses.h"
 #include "cluster/ops/wire_checks.h"
 #include "foundation/report.h"
 
@@ -51,33 +52,6 @@ int write_address(const char *function, const char *const (&files)[count], const
   }
   return 0;
 }
-
-// Exactly as the system writes an address.
-bool has_address(const Net_Interface *interfaces, const char *address) {
-  for (const Net_Interface *interface = interfaces; interface != nullptr; interface = interface->next) {
-    if (interface->ipv4[0] != '\0' && strcmp(interface->ipv4, address) == 0) return true;
-    for (const Net_Ipv6_Addr *entry = interface->ipv6; entry != nullptr; entry = entry->next) {
-      if (strcmp(entry->address, address) == 0) return true;
-    }
-  }
-  return false;
-}
-
-// Whether an address is this appliance's own.
-struct Own_Address {
-  int status;
-  bool has_interfaces;
-  bool found;
-
-  explicit Own_Address(const char *address) {
-    Net_Interface *interfaces = nullptr;
-    int count = 0;
-    status = Scan_Network_Interface(&interfaces, &count);
-    has_interfaces = interfaces != nullptr;
-    found = has_address(interfaces, address);
-    Free_Network_Interface(interfaces);
-  }
-};
 
 int report_no_scan(const char *function, int status) {
   TARN_ERROR_AS(function, "Can't scan network interface! (%d)", status);
@@ -174,9 +148,9 @@ int change_master(const char *own_id, const char *address, char **reply) {
   bool unchanged = false;
   int status = check_own_address(own_id, address, &unchanged);
   if (status != 0 || unchanged) return status;
-  const Own_Address own(address);
-  if (own.status != 0 || !own.has_interfaces) return report_no_scan(update_name, own.status);
-  if (!own.found) {
+  const Own_Addresses own;
+  if (!own.known()) return report_no_scan(update_name, own.status());
+  if (!own.holds(address)) {
     TARN_ERROR_AS(update_name, "Update a not exist address! (%d)", -EINVAL);
     return -EINVAL;
   }
@@ -205,9 +179,9 @@ int store_master_address(const char *address) {
 }
 
 int store_own_address(const char *id, const char *address) {
-  const Own_Address own(address);
-  if (own.status != 0) return report_no_scan(handler_name, own.status);
-  if (!own.found) {
+  const Own_Addresses own;
+  if (own.status() != 0) return report_no_scan(handler_name, own.status());
+  if (!own.holds(address)) {
     TARN_ERROR_AS(handler_name, "Update invalid address %s! (%d)", address, -EINVAL);
     return -EINVAL;
   }

@@ -80,6 +80,18 @@ int read_members(const char *function, Member_List *members) {
   return status;
 }
 
+int read_member(const char *function, const char *id, Member_List *member) {
+  Tarn_Serv_Conf *found = nullptr;
+  const int status = Tarn_Cluster_Service_Get(slaves_file, id, &found);
+  member->reset(found);
+  if (status == -ENOANO) {
+    TARN_INFO_AS(function, "Can't find slave id %s!", id);
+  } else if (status != 0 || found == nullptr) {
+    TARN_ERROR_AS(function, "Can't read Tarn service file! (%d)", status);
+  }
+  return status;
+}
+
 Json parse_slave_reply(const Broadcast &what, const char *slave_id, const char *reply) {
   Json parsed = parse_json(reply);
   if (parsed == nullptr) {

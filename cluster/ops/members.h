@@ -32,6 +32,9 @@ void restart_sync_service();
 // also for an empty list.
 int read_members(const char *function, Member_List *members);
 
+// Reads one member, and reports why not under the function's name. Returns the read's status.
+int read_member(const char *function, const char *id, Member_List *member);
+
 // One command to every running slave but the one that it is about.
 struct Broadcast {
   const char *function;  // under which it reports

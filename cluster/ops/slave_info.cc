@@ -183,18 +183,6 @@ int delete_member(const char *id) {
   return report_not_set(id, slaves_file, Tarn_Cluster_Service_Set(slaves_file, id, nullptr));
 }
 
-int find_record(const char *id, Member_List *record) {
-  Tarn_Serv_Conf *found = nullptr;
-  const int status = Tarn_Cluster_Service_Get(slaves_file, id, &found);
-  record->reset(found);
-  if (status == -ENOANO) {
-    TARN_INFO_AS(handler_name, "Can't find slave id %s!", id);
-  } else if (status != 0) {
-    TARN_ERROR_AS(handler_name, "Can't read Tarn service file! (%d)", status);
-  }
-  return status;
-}
-
 // Changes the working copy under its lock, which is given back before the kept copy is written: both have one lock,
 // since a lock is named by the base name. Leaves the record null when there is none to change.
 int update_working_copy(const json_object *object, const Description &description, const char *id,
@@ -204,7 +192,7 @@ int update_working_copy(const json_object *object, const Description &descriptio
     TARN_ERROR_AS(handler_name, "Can't get file lock of %s error!", slaves_file);
     return 0;
   }
-  if (find_record(id, record) != 0 || *record == nullptr) return 0;
+  if (read_member(handler_name, id, record) != 0 || *record == nullptr) return 0;
   overwrite(object, description, record->get());
   return report_not_set(id, slaves_file, Tarn_Cluster_Service_Set_NoLock(slaves_file, id, record->get()));
 }

@@ -9,11 +9,10 @@
 
 namespace tarn {
 
-bool is_member_id(const char *text) {
-  constexpr size_t longest_id = 8;
+bool is_member_id(const char *text, size_t longest) {
   const auto may_stand_in_id = [](char c) { return c > ' ' && c < 0x7f && c != '/' && c != '[' && c != ']'; };
   const std::string_view id = text;
-  return !id.empty() && id.size() <= longest_id && std::all_of(id.begin(), id.end(), may_stand_in_id) && id != "." &&
+  return !id.empty() && id.size() <= longest && std::all_of(id.begin(), id.end(), may_stand_in_id) && id != "." &&
          id != "..";
 }
 

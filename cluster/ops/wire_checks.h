@@ -5,8 +5,10 @@
 
 namespace tarn {
 
-// 1 to 8 printable characters that neither leave a folder nor end a section's name.
-bool is_member_id(const char *text);
+inline constexpr size_t longest_member_id = 8;
+
+// Printable characters that neither leave a folder nor end a section's name.
+bool is_member_id(const char *text, size_t longest = longest_member_id);
 
 // A member's id; null when it is missing, no string or no id.
 const char *find_member_id(const json_object *object, const char *key);

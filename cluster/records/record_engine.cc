@@ -1,5 +1,7 @@
 #include "cluster/records/record_engine.h"
 
+#include <locale.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -63,9 +65,40 @@ bool is_number(const Record_Field &field) {
   return field.kind == Field_Kind::int32 || field.kind == Field_Kind::int64;
 }
 
+// The files' numbers have a point, whatever the caller's locale has.
+class Point_Locale {
+ public:
+  Point_Locale() : previous_(uselocale(newlocale(LC_ALL_MASK, "C", nullptr))) {}
+  ~Point_Locale() { uselocale(previous_); }
+  Point_Locale(const Point_Locale &) = delete;
+  Point_Locale &operator=(const Point_Locale &) = delete;
+
+ private:
+  locale_t previous_;
+};
+
+struct Real_Text {
+  char text[64] = "";
+  Real_Text() = default;
+  explicit Real_Text(double value) {
+    const Point_Locale locale;
+    snprintf(text, sizeof text, "%f", value);
+  }
+  double value() const {
+    const Point_Locale locale;
+    return strtod(text, nullptr);
+  }
+};
+
 std::string_view name_of(const Record_Family &family, const void *record) {
   const char *name = bytes_at(record, family.name.offset);
   return {name, strnlen(name, family.name.size)};
+}
+
+template <typename Node>
+Node **end_of(Node **chain) {
+  while (*chain != nullptr) chain = &(*chain)->next;
+  return chain;
 }
 
 bool is_section_name(std::string_view name) {
@@ -96,10 +129,19 @@ int read_heap_text(const Record_Field &field, const Pair_Node *pairs, void *reco
   return status;
 }
 
+int read_real(const Record_Field &field, const Pair_Node *pairs, void *record) {
+  Real_Text real;
+  int limit = sizeof real.text;
+  const int status = Get_Pair_String_Value(pairs, field.key, real.text, &limit);
+  if (status == 0) store(record, field.offset, real.value());
+  return status;
+}
+
 int read_field(const Record_Field &field, Reader reader, const Pair_Node *pairs, void *record) {
   if (field.kind == Field_Kind::int32) return read_number<Get_Pair_Int32_Value, int32_t>(field, pairs, record);
   if (field.kind == Field_Kind::int64) return read_number<Get_Pair_Int64_Value, int64_t>(field, pairs, record);
   if (field.kind == Field_Kind::heap_text) return read_heap_text(field, pairs, record);
+  if (field.kind == Field_Kind::real) return read_real(field, pairs, record);
   int limit = reader == Reader::list ? field.list_limit : field.single_limit;
   return Get_Pair_String_Value(pairs, field.key, bytes_at(record, field.offset), &limit);
 }
@@ -107,9 +149,10 @@ int read_field(const Record_Field &field, Reader reader, const Pair_Node *pairs,
 // A key that is missing, or whose value does not fit, leaves its bit clear. A text for which memory ends fails the
 // record: without it, the next writer would drop the key.
 int read_section(const Record_Family &family, Reader reader, const Sect_Node *section, void *record) {
-  const size_t name_length = strnlen(section->name, family.name.kept);
+  const bool listed = reader == Reader::list;
+  const size_t name_length = strnlen(section->name, listed ? family.name.list_kept : family.name.single_kept);
   memcpy(bytes_at(record, family.name.offset), section->name, name_length);
-  if (reader == Reader::list && name_length > 0) set_bits(family, record, family.name.list_bits);
+  if (listed && name_length > 0) set_bits(family, record, family.name.list_bits);
   for (const Record_Field &field : family.fields) {
     const int status = read_field(field, reader, section->pairs, record);
     if (status == -ENOMEM) return status;
@@ -123,8 +166,13 @@ int report_no_memory(const char *function, const char *noun) {
   return -ENOMEM;
 }
 
+Real_Text real_text(const Record_Field &field, const void *record) {
+  return Real_Text(load<double>(record, field.offset));
+}
+
 int create_pair(const Record_Family &family, const Record_Field &field, const void *record, Pair_Node **link) {
   if (is_number(field)) return Create_Integer_Pair_Node(link, field.key, number_of(field, record));
+  if (field.kind == Field_Kind::real) return Create_Pair_Node(link, field.key, real_text(field, record).text);
   const char *text = text_of(family, field, record);
   return is_value(text) ? Create_Pair_Node(link, field.key, text) : -EINVAL;
 }
@@ -137,13 +185,15 @@ int create_named_section(const Record_Family &family, const void *record, Sect_N
   return *link != nullptr ? 0 : -ENOMEM;
 }
 
-int add_pairs(const Record_Family &family, const void *record, Sect_Node **link) {
+// Real numbers are those of `first`: in a list, its first record's is written for every record, as readers expect.
+int add_pairs(const Record_Family &family, const void *record, const void *first, Sect_Node *section) {
   const uint32_t mask = mask_of(family, record);
-  Chain_End<Pair_Node> end(&(*link)->pairs);
+  Chain_End<Pair_Node> end(end_of(&section->pairs));
   for (const uint8_t position : family.create_order) {
     const Record_Field &field = family.fields[position];
     if ((mask & field.bit) == 0) continue;
-    const int status = create_pair(family, field, record, end.link());
+    const void *source = field.kind == Field_Kind::real ? first : record;
+    const int status = create_pair(family, field, source, end.link());
     if (status != 0) return status;
     end.advance();
   }
@@ -153,20 +203,20 @@ int add_pairs(const Record_Family &family, const void *record, Sect_Node **link)
 // Appends a section with the keys whose bits are set.
 int create_section(const Record_Family &family, const void *record, Sect_Node **link) {
   const int status = create_named_section(family, record, link);
-  if (status == 0) return add_pairs(family, record, link);
+  if (status == 0) return add_pairs(family, record, record, *link);
   TARN_DEBUG_AS(family.create_function, "Can't crate a sect node error! (%d)", status);
   return status;
 }
 
 // The same for a record of a list, with the list's own report.
-int create_listed_section(const Record_Family &family, const void *record, Sect_Node **link) {
+int create_listed_section(const Record_Family &family, const void *record, const void *first, Sect_Node **link) {
   const bool by_create = family.lists_are_created_by_it;
   int status = by_create ? create_section(family, record, link) : create_named_section(family, record, link);
   if (status != 0) {
     TARN_ERROR_AS(family.to_sections_function, "Can't allocate a section node for a Tarn cluster slave conf!");
     return status;
   }
-  return by_create ? 0 : add_pairs(family, record, link);
+  return by_create ? 0 : add_pairs(family, record, first, *link);
 }
 
 int rename_section(std::string_view name, Sect_Node *section) {
@@ -179,21 +229,11 @@ int rename_section(std::string_view name, Sect_Node *section) {
 
 int update_pair(const Record_Family &family, const Record_Field &field, const void *record, Pair_Node **chain) {
   if (is_number(field)) return Set_Pair_Integer_Value(chain, field.key, number_of(field, record));
+  if (field.kind == Field_Kind::real) return Set_Pair_String_Value(chain, field.key, real_text(field, record).text);
   const char *text = text_of(family, field, record);
   // A set bit without a text removes the key.
   if (field.kind == Field_Kind::heap_text && text == nullptr) return Set_Pair_String_Value(chain, field.key, nullptr);
   return is_value(text) ? Set_Pair_String_Value(chain, field.key, text) : -EINVAL;
-}
-
-int update_file(const char *function, const char *path, const Sect_Node *sections) {
-  const int status = Update_Conf_File(path, sections);
-  if (status != 0) TARN_ERROR_AS(function, "Can't update the conf file \"%s\" error! (%d)", path, status);
-  return status;
-}
-
-Sect_Node **end_of(Sect_Node **chain) {
-  while (*chain != nullptr) chain = &(*chain)->next;
-  return chain;
 }
 
 // Deletes, updates or appends one section of a chain. No name is that of no section.
@@ -254,8 +294,9 @@ int records_to_sections(const Record_Family &family, const void *list, Sect_Node
   if (list == nullptr || out == nullptr) return -EINVAL;
   *out = nullptr;
   Chain_End<Sect_Node> end(out);
+  const void *first = list;
   for (; list != nullptr; list = next_record(list)) {
-    const int status = create_listed_section(family, list, end.link());
+    const int status = create_listed_section(family, list, first, end.link());
     if (status != 0) return status;
     end.advance();
   }
@@ -285,7 +326,9 @@ int update_section(const Record_Family &family, const void *record, Sect_Node *s
     const Record_Field &field = family.fields[position];
     if ((mask & field.bit) == 0) continue;
     const int status = update_pair(family, field, record, &section->pairs);
-    if (status != 0) return status;
+    if (status == 0) continue;
+    if ((field.bit & family.name.failing_bit) != 0) rename_section(name_of(family, record), section);
+    return status;
   }
   return 0;
 }
@@ -308,7 +351,7 @@ int write_records(const Record_Family &family, const char *function, const char 
     TARN_ERROR_AS(function, "Can't translate a Tarn cluster slave conf to the setc node! (%d)", status);
     return status;
   }
-  return update_file(function, path, sections.first);
+  return update_record_file(function, path, sections.first);
 }
 
 int get_record(const Record_Family &family, const char *function, const char *path, const char *name, void **out) {
@@ -335,7 +378,21 @@ int set_record(const Record_Family &family, const char *function, const char *pa
     return read;
   }
   const int status = change_sections(family, function, name, record, &sections.first);
-  return status == 0 ? update_file(function, path, sections.first) : status;
+  return status == 0 ? update_record_file(function, path, sections.first) : status;
+}
+
+int read_record(const Record_Family &family, const Sect_Node *section, void *record) {
+  return read_section(family, Reader::single, section, record);
+}
+
+int append_pairs(const Record_Family &family, const void *record, Sect_Node *section) {
+  return add_pairs(family, record, record, section);
+}
+
+int update_record_file(const char *function, const char *path, const Sect_Node *sections) {
+  const int status = Update_Conf_File(path, sections);
+  if (status != 0) TARN_ERROR_AS(function, "Can't update the conf file \"%s\" error! (%d)", path, status);
+  return status;
 }
 
 bool sets_nothing(const Record_Family &family, const void *record) {

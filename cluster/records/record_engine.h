@@ -15,6 +15,7 @@ namespace tarn {
 enum class Field_Kind : uint8_t {
   int32,
   int64,
+  real,       // a double, as decimal text with six places
   text,       // in the record's own bytes
   heap_text,  // a pointer to a text of the record's own
 };
@@ -34,9 +35,11 @@ struct Record_Field {
 struct Record_Name {
   uint16_t offset;
   uint16_t size;
-  uint16_t kept;       // bytes that readers copy: a name of the field's size or longer is kept without terminator
-  uint32_t bit;        // renames the section in an update
-  uint32_t list_bits;  // set by the list reader for a name that is not empty
+  uint16_t list_kept;    // bytes that the list reader copies: a name of the field's size has no terminator then
+  uint16_t single_kept;  // and the reader of a single section
+  uint32_t bit;          // renames the section in an update
+  uint32_t list_bits;    // set by the list reader for a name that is not empty
+  uint32_t failing_bit;  // renames the section when this field of an update fails
 };
 
 struct Record_Family {
@@ -49,15 +52,15 @@ struct Record_Family {
   std::span<const uint8_t> create_order;  // positions in fields
   std::span<const uint8_t> update_order;
   // The names under which the conversions report, whoever calls them.
-  const char *create_function;       // one new section
-  bool lists_are_created_by_it;      // that a list's conversion reports so, too, and reports keys that cannot be made
-  const char *to_sections_function;  // a list to sections
-  const char *to_records_function;   // sections to a list
-  const char *to_record_function;    // one section to a record
-  const char *record_noun;           // "Can't allocate memory for NOUN list section!", of one section to a record
-  const char *noun;                  // "... the sect node for NOUN NAME error!"
-  const char *list_noun;             // "Translate NOUN list to section Node error!"
-  const char *structure_noun;        // "... to a Tarn NOUN structure!"
+  const char *create_function = "";       // one new section
+  bool lists_are_created_by_it = false;   // a list's conversion reports so, too, and keys that cannot be made
+  const char *to_sections_function = "";  // a list to sections
+  const char *to_records_function = "";   // sections to a list
+  const char *to_record_function = "";    // one section to a record
+  const char *record_noun = "";           // "Can't allocate memory for NOUN list section!", of one section to a record
+  const char *noun = "";                  // "... the sect node for NOUN NAME error!"
+  const char *list_noun = "";             // "Translate NOUN list to section Node error!"
+  const char *structure_noun = "";        // "... to a Tarn NOUN structure!"
 };
 
 // The positions of a table's fields, sorted by one of the ranks.
@@ -107,6 +110,13 @@ int get_record_locked(const Record_Family &family, const char *function, const c
                       void **out);
 int set_record_locked(const Record_Family &family, const char *function, const char *path, const char *name,
                       const void *record);
+
+// Reads a section's keys into a record, and adds a record's keys at the end of a section's.
+int read_record(const Record_Family &family, const Sect_Node *section, void *record);
+int append_pairs(const Record_Family &family, const void *record, Sect_Node *section);
+
+// Update_Conf_File with the report of every family.
+int update_record_file(const char *function, const char *path, const Sect_Node *sections);
 
 // Whether a record is given that has nothing to say: Set then does nothing at all.
 bool sets_nothing(const Record_Family &family, const void *record);
