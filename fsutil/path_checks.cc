@@ -1,6 +1,5 @@
-#include "include/tarncluster_util.h"
+#include "fsutil/path_checks.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,10 +13,6 @@ namespace {
 
 // One buffer for the process: callers keep the pointer and expect the next call to change the text behind it.
 char full_path[PATH_MAX];
-
-bool is_folder_descriptor(int dir_fd) {
-  return dir_fd >= 0 || dir_fd == AT_FDCWD;
-}
 
 int status_of(int result) {
   return result == 0 ? 0 : -errno;

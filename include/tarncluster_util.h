@@ -671,6 +671,198 @@ TARN_API int Open_Shared_File(const char *path, const char *mode, FILE **stream)
 TARN_API int Close_Shared_File(const char *path, FILE *stream);
 
 /* ------------------------------------------------------------------------------------------------------------------
+ * Bulk transfer
+ *
+ * Lengths and offsets are in bytes, time-outs in milliseconds. An abort flag is the caller's: another thread may set it
+ * to any value but 0, which ends the transfer within a step and is its result. Counters are added to, never reset.
+ * Offsets are where to read and write, and are moved; null means the descriptor's own position.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/**
+ * Moves bytes between two descriptors within the kernel; one of them is a pipe. Waits as long as some bytes move within
+ * each time-out. A blocking descriptor sleeps in the kernel, where neither time-out nor flag is looked at.
+ *
+ * @param flags       of splice(2)
+ * @param timeout_ms  of inactivity; negative: none
+ * @param abort_flag  not null
+ * @return 0, the abort flag, -EINVAL, -ETIME, -errno (-EINTR included)
+ */
+TARN_API int Splice_Ext(int in_fd, int64_t *in_offset, int out_fd, int64_t *out_offset, int64_t length, int flags,
+                        int timeout_ms, unsigned int *abort_flag);
+
+/**
+ * Moves a file's bytes to or from a pipe in steps of 131072 bytes.
+ *
+ * @param abort_flag  may be null
+ * @param counter     grows by whole steps; may be null
+ * @return 0, the abort flag, -EINVAL (a negative descriptor, offset or length), or as Splice_Ext
+ */
+TARN_API int Splice_File_Data(int in_fd, int64_t *in_offset, int out_fd, int64_t *out_offset, int64_t length,
+                              int timeout_ms, unsigned int *abort_flag, uint64_t *counter);
+
+/**
+ * Copies bytes through a buffer of 32768 bytes. A source that ends early ends the copy with 0: only whole steps are
+ * copied then, see the counter. Offsets are moved by what was copied, also after a failure.
+ *
+ * @return 0, the abort flag, -EINVAL, -ENOMEM, -errno
+ */
+TARN_API int Copy_File_Data(int in_fd, int64_t *in_offset, int out_fd, int64_t *out_offset, int64_t length,
+                            unsigned int *abort_flag, uint64_t *counter);
+
+/** The same for a source that is still growing: waits at its end until the length has come or the flag is set. */
+TARN_API int Copy_File_Data_RTRR(int in_fd, int64_t *in_offset, int out_fd, int64_t *out_offset, int64_t length,
+                                 unsigned int *abort_flag, uint64_t *counter);
+
+/**
+ * Reads the beginning of a file with one read, and drops one newline at its end.
+ *
+ * @param buffer  receives the text, ended by a NUL only when it is shorter than the size
+ * @param size    bytes in the buffer; receives the number of bytes
+ * @return 0, -EINVAL, -errno
+ */
+TARN_API int Simple_Read_File(const char *path, char *buffer, int *size);
+
+/** Reads part of a file with one read. size: bytes wanted, 1 or more; receives the number read. 0, -EINVAL, -errno. */
+TARN_API int Read_File_To_Buffer(const char *path, void *buffer, int64_t *size, int64_t offset);
+
+/**
+ * Writes into a file, which is made (mode 0777 less the umask) when it is missing and never cut.
+ *
+ * @param size  bytes to write, 1 or more; receives the number written, also after a failure
+ * @return 0, -EINVAL, -errno
+ */
+TARN_API int Write_File_From_Buffer(const char *path, const void *buffer, int64_t *size, int64_t offset);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Folder trees
+ *
+ * The functions with _At work from open folders' descriptors, or from the working directory with AT_FDCWD (-100); those
+ * without work from the working directory. The walks go from folder to folder by descriptors and follow no link but the
+ * root's of a copy or survey, so a folder that is swapped for a link on the way leads nowhere.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** What a survey adds up; it adds to what is there. */
+typedef struct Tree_Stat {
+  int file_count;       /**< regular files and symbolic links */
+  int folder_count;     /**< folders, the root included */
+  int64_t total_size;   /**< bytes of files and links */
+  int64_t total_blocks; /**< blocks of 512 bytes of everything counted */
+} Tree_Stat;
+
+/**
+ * Copies one file with permission bits (0777 of them), owner and modification time. A failed or aborted copy removes
+ * the destination's name, also when the source could not even be looked at; a bad argument, and a destination that is
+ * the source itself, remove nothing.
+ *
+ * @param abort_flag  not null
+ * @param counter     grows by the bytes copied; may be null
+ * @return 0, the abort flag, -EINVAL, -errno
+ */
+TARN_API int Copy_File_At(int source_dir_fd, const char *source, int destination_dir_fd, const char *destination,
+                          unsigned int *abort_flag, uint64_t *counter);
+
+/** Copy_File_At from the working directory. */
+TARN_API int Copy_File(const char *source, const char *destination, unsigned int *abort_flag, uint64_t *counter);
+
+/** Copies a symbolic link, with owner and modification time. Returns 0, -EINVAL, -errno. */
+TARN_API int Copy_Symlink_At(int source_dir_fd, const char *source, int destination_dir_fd, const char *destination);
+
+/** Copy_Symlink_At from the working directory. */
+TARN_API int Copy_Symlink(const char *source, const char *destination);
+
+/** Makes a folder like another, with mode, owner and modification time, without its content. 0, -EINVAL, -errno. */
+TARN_API int Copy_Folder_At(int source_dir_fd, const char *source, int destination_dir_fd, const char *destination);
+
+/** Copy_Folder_At from the working directory. */
+TARN_API int Copy_Folder(const char *source, const char *destination);
+
+/** Removes a name that is no folder's. Returns 0, -EINVAL, -errno. */
+TARN_API int Remove_File_At(int dir_fd, const char *name);
+
+/** Remove_File_At from the working directory. */
+TARN_API int Remove_File(const char *name);
+
+/**
+ * Copies a tree's folders, files and links; devices, pipes and sockets are left out, and folders that cannot be read
+ * stay empty. Files that are there are overwritten, folders and links that are there end the copy with -EEXIST. The
+ * destination's root may be there, and may lie in the source, which is then copied without it. Copied subfolders bear
+ * the time of the copy, the root that of the source.
+ *
+ * @param abort_flag  may be null
+ * @return 0, also when the flag was set before or between files; the flag's value when it was set within a file;
+ *         -EINVAL; -ENOTDIR; -ENOMEM; -errno
+ */
+TARN_API int Copy_Folder_Tree_At(int source_dir_fd, const char *source, int destination_dir_fd, const char *destination,
+                                 unsigned int *abort_flag);
+
+/** Copy_Folder_Tree_At from the working directory. */
+TARN_API int Copy_Folder_Tree(const char *source, const char *destination, unsigned int *abort_flag);
+
+/**
+ * Adds up a tree.
+ *
+ * @param statistics  is added to
+ * @param abort_flag  may be null
+ * @return 0, also when aborted; -EINVAL, -ENOTDIR, -ENOMEM, or -errno of the root; a positive errno when something in
+ *         the tree could not be looked at
+ */
+TARN_API int State_Folder_Tree_At(int dir_fd, const char *path, Tree_Stat *statistics, unsigned int *abort_flag);
+
+/** State_Folder_Tree_At from the working directory. */
+TARN_API int State_Folder_Tree(const char *path, Tree_Stat *statistics, unsigned int *abort_flag);
+
+/**
+ * Removes a tree, or a name that is no folder's (a link to one included). What cannot be removed is logged and left.
+ *
+ * @param abort_flag  may be null
+ * @return 0, the abort flag, -EINVAL, -ENOMEM, -errno of the root (-ENOTEMPTY when something was left)
+ */
+TARN_API int Remove_Folder_Tree_At(int dir_fd, const char *path, unsigned int *abort_flag);
+
+/** Remove_Folder_Tree_At from the working directory. */
+TARN_API int Remove_Folder_Tree(const char *path, unsigned int *abort_flag);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Temporary files
+ *
+ * Names for files that are renamed when they are done: the folder of a template path, the marker "$$@#!$$" and a number
+ * from 0 to 999999, the first that is free. The template's own base name is not used. A buffer for a name needs the
+ * folder's part and room for the marker, six digits and a terminator.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** Answers 0 when a path's base name begins with the marker, 1 when not, -EINVAL. */
+TARN_API int Check_Temp_Filename(const char *path);
+
+/**
+ * Finds a name that is free at the moment. Nothing is made, so another process may take it.
+ *
+ * @param dir_fd  an open folder that the template is relative to, or AT_FDCWD
+ * @param name    receives the name
+ * @param size    bytes in name
+ * @return 0; -EINVAL; -EOVERFLOW when the name does not fit; -ERANGE when none is free
+ */
+TARN_API int Generate_Temp_Filename(int dir_fd, const char *template_path, char *name, int size);
+
+/**
+ * Makes and opens a file of a free name, with three digits at least.
+ *
+ * @param flags  of open(2); O_CREAT and O_EXCL are added. Pass O_CLOEXEC.
+ * @param mode   permission bits, 0777 of them, less the umask
+ * @param size   bytes in name
+ * @param name   receives the name; may be null
+ * @param fd     receives the descriptor, -1 on failure
+ * @return 0, -EINVAL, -EOVERFLOW, -ERANGE, -errno of the open; no file is left after a failure
+ */
+TARN_API int Open_Unique_Temp_File_At(int dir_fd, const char *template_path, int flags, int mode, int size, char *name,
+                                      int *fd);
+
+/**
+ * The same from the working directory, with six digits. When no number is free it removes number 999999, whoever made
+ * it, before it returns -ERANGE: the next call finds a name.
+ */
+TARN_API int Open_Unique_Temp_File(const char *template_path, int flags, int mode, int size, char *name, int *fd);
+
+/* ------------------------------------------------------------------------------------------------------------------
  * Addresses
  * --------------------------------------------------------------------------------------------------------------- */
 

@@ -12,6 +12,7 @@
 #include "foundation/deadline.h"
 #include "foundation/owners.h"
 #include "foundation/report.h"
+#include "fsutil/path_checks.h"
 
 namespace tarn {
 namespace {
@@ -21,11 +22,6 @@ constexpr int readiness_wait_ms = 1000;
 
 void store(int64_t *out, int64_t value) {
   if (out != nullptr) *out = value;
-}
-
-const char *path_of(int fd) {
-  const char *path = Fullpath(fd);
-  return path != nullptr ? path : "(null)";
 }
 
 struct Movement {
@@ -169,7 +165,7 @@ int File_Send_Bulk(int source_fd, int destination_fd, int64_t length, int64_t *o
   });
   tarn::store(sent, movement.total);
   if (movement.total == length) return 0;
-  TARN_ERROR("Can't sendfile error! (%s, %d, %lld,%lld/%lld, %lld)", tarn::path_of(source_fd), -movement.error,
+  TARN_ERROR("Can't sendfile error! (%s, %d, %lld,%lld/%lld, %lld)", tarn::shown_path(source_fd), -movement.error,
              static_cast<long long>(movement.last), static_cast<long long>(movement.total),
              static_cast<long long>(length), static_cast<long long>(offset != nullptr ? *offset : 0));
   return -movement.error;
@@ -184,7 +180,7 @@ int File_Write_Bulk(int fd, const void *buffer, int64_t length, int64_t *written
   });
   tarn::store(written, movement.total);
   if (movement.total == length) return 0;
-  TARN_ERROR("Can't write file error! (%s, %d, %lld,%lld/%lld)", tarn::path_of(fd), -movement.error,
+  TARN_ERROR("Can't write file error! (%s, %d, %lld,%lld/%lld)", tarn::shown_path(fd), -movement.error,
              static_cast<long long>(movement.last), static_cast<long long>(movement.total),
              static_cast<long long>(length));
   return -movement.error;
