@@ -1,13 +1,13 @@
 #include <tarncluster_util.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <iostream>
 #include <thread>
 
+#include "progress_bar.h"
 #include "report.h"
 
 namespace tool {
@@ -62,7 +62,7 @@ void check_transfer(const Text &reply, const std::string &what) {
 class Progress_Bar {
  public:
   explicit Progress_Bar(std::string file) : file_(std::move(file)) {
-    if (isatty(STDERR_FILENO) == 1) drawer_ = std::thread([this] { draw_until_done(); });
+    if (has_terminal()) drawer_ = std::thread([this] { draw_until_done(); });
   }
   ~Progress_Bar() {
     done_ = true;
@@ -78,15 +78,12 @@ class Progress_Bar {
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
     draw();
-    std::cerr << "\n";
+    end_bar();
   }
   void draw() const {
-    constexpr int width = 40;
     int percent = 0;
     std::ifstream(file_) >> percent;
-    const int filled = std::clamp(percent, 0, 100) * width / 100;
-    std::cerr << "\r[" << std::string(filled, '#') << std::string(width - filled, ' ') << "] " << percent << "%"
-              << std::flush;
+    draw_bar(percent);
   }
 
   const std::string file_;
@@ -98,7 +95,7 @@ class Progress_Bar {
 class Progress_File {
  public:
   explicit Progress_File(const std::string &given) : path_(given) {
-    if (!given.empty() || isatty(STDERR_FILENO) != 1) return;
+    if (!given.empty() || !has_terminal()) return;
     char folder[] = "/tmp/tarncluster-XXXXXX";
     if (mkdtemp(folder) == nullptr) return;
     folder_ = folder;

@@ -38,6 +38,7 @@ int main(int argc, char **argv) {
   tool::add_member_commands(app, settings);
   tool::add_cluster_commands(app, settings);
   tool::add_share_commands(app, settings);
+  tool::add_backup_commands(app, settings);
   tool::add_network_commands(app, settings);
   tool::add_lock_commands(app);
   tool::add_completion_command(app);

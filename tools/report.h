@@ -56,6 +56,7 @@ void add_conf_commands(CLI::App &app, const Settings &settings);
 void add_member_commands(CLI::App &app, const Settings &settings);
 void add_cluster_commands(CLI::App &app, const Settings &settings);
 void add_share_commands(CLI::App &app, const Settings &settings);
+void add_backup_commands(CLI::App &app, const Settings &settings);
 void add_network_commands(CLI::App &app, const Settings &settings);
 void add_lock_commands(CLI::App &app);
 void add_completion_command(CLI::App &app);
