@@ -261,21 +261,21 @@ void SSL_Socket_Destroy(Tls_Session *session, int no_shutdown) {
 
 int SSL_Recv(Tls_Session *session, void *buffer, int length, int flags) {
   if (session == nullptr || buffer == nullptr || length < 0) return -EINVAL;
+  errno = 0;  // what was before is no reason of a failure, nor of an end
   if (tarn::is_plain(session)) {
     return static_cast<int>(recv(session->fd, buffer, static_cast<size_t>(length), flags));
   }
   ERR_clear_error();
-  errno = 0;
   return (flags & MSG_PEEK) != 0 ? SSL_peek(session->ssl, buffer, length) : SSL_read(session->ssl, buffer, length);
 }
 
 int SSL_Send(Tls_Session *session, const void *buffer, int length, int flags) {
   if (session == nullptr || buffer == nullptr || length < 0) return -EINVAL;
+  errno = 0;
   if (tarn::is_plain(session)) {
     return static_cast<int>(send(session->fd, buffer, static_cast<size_t>(length), flags));
   }
   ERR_clear_error();
-  errno = 0;
   return SSL_write(session->ssl, buffer, length);
 }
 

@@ -61,12 +61,16 @@ std::string_view name_of(const Tarn_Serv_Conf &member) {
   return {member.Name, strnlen(member.Name, sizeof member.Name)};
 }
 
+void run_command(const char *command) {
+  [[maybe_unused]] const int ignored = system(command);
+}
+
 void reload_sync_service() {
-  static_cast<void>(system("/etc/init.d/druvosrv_c.sh reload 1>/dev/null 2>&1 &"));
+  run_command("/etc/init.d/druvosrv_c.sh reload 1>/dev/null 2>&1 &");
 }
 
 void restart_sync_service() {
-  static_cast<void>(system("/etc/init.d/druvosrv_c.sh restart 1>/dev/null 2>&1 &"));
+  run_command("/etc/init.d/druvosrv_c.sh restart 1>/dev/null 2>&1 &");
 }
 
 int read_members(const char *function, Member_List *members) {

@@ -24,6 +24,9 @@ bool is_slave();
 // A member's name fills its field without a terminator when it is as long as that.
 std::string_view name_of(const Tarn_Serv_Conf &member);
 
+// Runs a command of the shell's whose end tells nothing; what goes into it is quoted.
+void run_command(const char *command);
+
 // Runs the appliance's sync service with "reload" or "restart", and does not wait for it.
 void reload_sync_service();
 void restart_sync_service();
