@@ -105,12 +105,12 @@ Heap_Text quote(const char *text) {
 
 // What the shell answers is not looked at: without the packer there is no progress, and that tells.
 void start_packing(const char *path) {
-  static_cast<void>(system("/bin/rm /etc/config/tarn_cluster/home/backup/*.img 1>/dev/null 2>&1"));
+  run_command("/bin/rm /etc/config/tarn_cluster/home/backup/*.img 1>/dev/null 2>&1");
   const Heap_Text word = quote(path);
   char *command = nullptr;
   if (word == nullptr || asprintf(&command, "/sbin/druvosrv_tool -b %s 1>/dev/null 2>&1 &", word.get()) < 0) return;
   const Heap_Text owner(command);
-  static_cast<void>(system(command));
+  run_command(command);
 }
 
 // The number of a line like "progress: 40%". Sets only_percent_missing when the line lacks nothing else.
@@ -163,7 +163,7 @@ struct Outcome {
 
 Outcome stop_for_removed(const char *id) {
   TARN_ERROR_AS(function, "Stop backup task cause's slave %s is removed...", id);
-  static_cast<void>(system("killall druvosrv_tool 1>/dev/null 2>&1"));
+  run_command("killall druvosrv_tool 1>/dev/null 2>&1");
   return {removed_from_cluster, true};
 }
 
