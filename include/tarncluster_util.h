@@ -20,6 +20,7 @@
 #ifndef TARNCLUSTER_UTIL_H
 #define TARNCLUSTER_UTIL_H
 
+#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -118,6 +119,223 @@ TARN_API int Simp_Log_Write(Simp_Log *handle, const char *format, ...) TARN_PRIN
  * @return 0, or -EINVAL for a null buffer
  */
 TARN_API int Log_DateTime_Format(time_t t, char *buffer, int hour_system, int date_format);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Traced memory
+ *
+ * A debugging allocator: each block bears the place that allocated it and guards of 16 "Z" before and behind the
+ * caller's bytes, and all live blocks are in one list.
+ *
+ * Two addresses of a block, four bytes apart, are in use; programs rely on both. Trace_Mem_Alloc answers the data's
+ * own address p: read and write there. Trace_Mem_Check and Trace_Mem_Free want p + 4; given p they look at the wrong
+ * bytes, and Trace_Mem_Free leaves the block alone with an error line.
+ *
+ *     char *p = Trace_Mem_Alloc(100, 0, __FILE__, __LINE__);
+ *     strcpy(p, "hello");
+ *     if (Trace_Mem_Check(p + 4) != 0) abort();
+ *     Trace_Mem_Free(p + 4, __FILE__, __LINE__);
+ *
+ * The data's address is 12 modulo 16: copy what needs more alignment than 4 bytes in and out with memcpy.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** What stands before a block's data. */
+typedef struct Trace_Mem_Node {
+  struct Trace_Mem_Node *next; /**< next block, or the list's head */
+  struct Trace_Mem_Node *prev; /**< previous block, or the list's head */
+  unsigned int magic;          /**< 0x5a8888a5 */
+  char file[16];               /**< source file, cut at 15 characters */
+  int line;                    /**< source line */
+  int size;                    /**< bytes of data */
+  char front[16];              /**< sixteen "Z" */
+  __extension__ char data[];   /**< the data, and sixteen "Z" behind it */
+} Trace_Mem_Node;
+
+extern TARN_API Trace_Mem_Node g_tmnHead;         /**< the list's head; points at itself when there is no block */
+extern TARN_API char g_stPreface[16];             /**< sixteen "Z", without a terminator */
+extern TARN_API pthread_mutex_t g_mtxMem;         /**< guards list and counters */
+extern TARN_API unsigned int g_cnAlloc, g_cnFree; /**< allocations and releases so far */
+extern TARN_API int g_bDebugOutput;               /**< not 0 (the default): reports go to standard output */
+extern TARN_API FILE *g_pfDebug;                  /**< not used */
+extern TARN_API FILE *g_pfError;                  /**< reports go to this stream, too, when it is set */
+
+/** Initialises g_mtxMem. Returns what pthread_mutex_init does. */
+TARN_API int Trace_Mem_Init(void);
+
+/**
+ * Allocates a block.
+ *
+ * @param size    bytes, 0 or more
+ * @param unused  anything
+ * @param file    the caller's __FILE__
+ * @param line    the caller's __LINE__
+ * @return the data's address p; null for a negative size and when memory ends
+ */
+TARN_API void *Trace_Mem_Alloc(int size, int unused, const char *file, int line);
+
+/**
+ * Looks at a block's guards and reports a damaged one.
+ *
+ * @param address  p + 4; null is 0. Any other address of a block's is looked at as well as can be done within the block
+ * @return 0 both are whole, 1 one is not
+ */
+TARN_API int Trace_Mem_Check(const void *address);
+
+/** Checks and frees a block. address: p + 4; file and line: the caller's. Null and other addresses are logged. */
+TARN_API void Trace_Mem_Free(void *address, const char *file, int line);
+
+/**
+ * Logs how many blocks are live, and reports each whose guards look whole at the data's address p; as that is four
+ * bytes off, whole blocks are reported as damaged. Takes no lock: no other thread may allocate meanwhile.
+ */
+TARN_API void Trace_Mem_Usage(void);
+
+/** Frees what is left, logs each block, and destroys g_mtxMem, whose result is returned. Takes no lock. */
+TARN_API int Trace_Mem_Destroy(void);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Link queue
+ *
+ * A first-in, first-out queue between threads. Its nodes come from malloc. Waiting is the caller's business: the queue
+ * broadcasts its condition when it ceases to be empty. A queue that is full closes itself: every call answers -EXFULL
+ * until Link_Queue_Reset, by which a consumer learns that the producer outran it. Closing wakes nobody.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** One node. */
+typedef struct Link_Queue_Node {
+  struct Link_Queue_Node *next; /**< the queue's */
+  struct Link_Queue_Node *prev; /**< the queue's */
+  uint16_t unused;              /**< the caller's */
+  uint16_t size;                /**< what the node adds to the queue's total */
+  __extension__ char payload[]; /**< the caller's */
+} Link_Queue_Node;
+
+/** The ends of a queue. */
+typedef struct Link_Queue_Head {
+  Link_Queue_Node *next; /**< first node */
+  Link_Queue_Node *prev; /**< last node */
+} Link_Queue_Head;
+
+/** A queue. The caller provides the storage, and does not move it. */
+typedef struct Link_Queue {
+  unsigned int capacity;     /**< the most nodes it holds */
+  unsigned int count;        /**< nodes in it */
+  unsigned int total;        /**< sum of their sizes */
+  int flags;                 /**< bit 0: initialised, bit 1: closed */
+  pthread_mutex_t *mutex;    /**< held during every call but Init and Destroy; null: none */
+  pthread_cond_t *condition; /**< broadcast when the queue ceases to be empty; null: none */
+  Link_Queue_Head head;      /**< the nodes */
+} Link_Queue;
+
+/** Makes a queue of a record. capacity: 0 or less means 32767. Returns 0 or -EINVAL. */
+TARN_API int Link_Queue_Init(Link_Queue *queue, int capacity, pthread_mutex_t *mutex, pthread_cond_t *condition);
+
+/** Ends a queue and frees its nodes, without the mutex. Returns 0 (also for one that is not initialised) or -EINVAL. */
+TARN_API int Link_Queue_Destroy(Link_Queue *queue);
+
+/** Frees the nodes, opens the queue again and gives it a new capacity. Returns 0 or -EINVAL. */
+TARN_API int Link_Queue_Reset(Link_Queue *queue, int capacity);
+
+/** Closes the queue. Returns 0 or -EINVAL. */
+TARN_API int Link_Queue_Mark(Link_Queue *queue);
+
+/** Answers the sum of the nodes' sizes (at most INT_MAX), -EXFULL, or -EINVAL. */
+TARN_API int Link_Queue_Get_Size(Link_Queue *queue);
+
+/** Answers the number of nodes, -EXFULL, or -EINVAL. */
+TARN_API int Link_Queue_Get_Number(Link_Queue *queue);
+
+/** Appends a node, which is the queue's then; a full or closed queue frees it. Returns 0, -EXFULL; -EINVAL: not taken.
+ */
+TARN_API int Link_Queue_Push_Node(Link_Queue *queue, Link_Queue_Node *node);
+
+/** Takes the first node, which is the caller's then (free() it). Returns 1; 0 when empty, node untouched; -EXFULL. */
+TARN_API int Link_Queue_Pop_Node(Link_Queue *queue, Link_Queue_Node **node);
+
+/** Takes all nodes, as a ring of their own. Returns their number; 0 when empty, first untouched; -EXFULL; -EINVAL. */
+TARN_API int Link_Queue_Pop_Nodes(Link_Queue *queue, Link_Queue_Node **first);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * String lists
+ *
+ * Strings in one block of memory, each with an object of fixed size in front of it: a plain list in the order of
+ * adding (mode 0), a sorted set (1), or a stack (2). The functions without Obj are those with an object size of 0.
+ *
+ * Strings and objects that are handed out lie in the block; they are good until the list is changed. A string or object
+ * that lies in the block may be given to Add and Push. Removing gives room back only for the entry that was added last:
+ * a list that others are removed from doubles its block whenever it fills. A block holds its own addresses, so it is
+ * not to be copied.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** A list; its block holds pointers and strings. */
+typedef struct Str_List {
+  char magic[4];                  /**< "tsil" */
+  unsigned int block_size;        /**< bytes of the block, a power of two */
+  unsigned int free_bytes;        /**< bytes left between pointers and strings */
+  unsigned int count;             /**< strings */
+  uint16_t mode;                  /**< 0 plain, 1 sorted, 2 stack */
+  uint16_t object_size;           /**< bytes in front of each string */
+  char *low_end;                  /**< the lowest byte in use by strings */
+  __extension__ char *pointers[]; /**< the strings in the list's order, and a null pointer */
+} Str_List;
+
+/**
+ * Makes a list.
+ *
+ * @param size         bytes of the block, rounded up to a power of two from 64; at most 1 GiB. It grows by itself.
+ * @param mode         0, 1 or 2
+ * @param object_size  a multiple of 4 up to 65532; objects are aligned to 4 bytes
+ * @return 0; -EINVAL, -ENOMEM (list untouched)
+ */
+TARN_API int Str_Obj_List_Init(Str_List **list, int size, int mode, int object_size);
+
+/** Empties a list and gives it another mode and object size. Returns 0 or -EINVAL. */
+TARN_API int Str_Obj_List_Reset(Str_List *list, int mode, int object_size);
+
+/** Frees a list; null is ignored. */
+TARN_API void Str_Obj_List_Free(Str_List *list);
+
+/** Finds a string. object may be null. Answers its index, -ENOENT (object untouched), or -EINVAL. */
+TARN_API int Str_Obj_List_Find(Str_List *list, const char *text, void **object);
+
+/**
+ * Adds a string with an object, of which copies are kept. A sorted list does not take a string twice.
+ *
+ * @param list    where the list is held; it may move
+ * @param object  may be null only when the object size is 0
+ * @return index of the string (that which is there already, in a sorted list); -EINVAL (also beyond 1 GiB); -ENOMEM
+ */
+TARN_API int Str_Obj_List_Add(Str_List **list, const char *text, const void *object);
+
+/** Removes a string. object (may be null) receives its object, null without one. Answers its former index. */
+TARN_API int Str_Obj_List_Remove(Str_List *list, const char *text, void **object);
+
+/** Puts a string on a stack. Answers as Str_Obj_List_Add. */
+TARN_API int Str_Obj_List_Push(Str_List **list, const char *text, const void *object);
+
+/** Takes the top string; it can be read until the next push. Both outputs may be null. Answers its index, -ENOENT. */
+TARN_API int Str_Obj_List_Pop(Str_List *list, const char **text, void **object);
+
+/** Looks at the top string. Answers as Str_Obj_List_Pop. */
+TARN_API int Str_Obj_List_Peek(Str_List *list, const char **text, void **object);
+
+/** Str_Obj_List_Init without objects. */
+TARN_API int Str_List_Init(Str_List **list, int size, int mode);
+/** Str_Obj_List_Reset without objects. */
+TARN_API int Str_List_Reset(Str_List *list, int mode);
+/** Str_Obj_List_Free. */
+TARN_API void Str_List_Free(Str_List *list);
+/** Str_Obj_List_Find without an object. */
+TARN_API int Str_List_Find(Str_List *list, const char *text);
+/** Str_Obj_List_Add without an object. */
+TARN_API int Str_List_Add(Str_List **list, const char *text);
+/** Str_Obj_List_Remove without an object. */
+TARN_API int Str_List_Remove(Str_List *list, const char *text);
+/** Str_Obj_List_Push without an object. */
+TARN_API int Str_List_Push(Str_List **list, const char *text);
+/** Str_Obj_List_Pop without an object. */
+TARN_API int Str_List_Pop(Str_List *list, const char **text);
+/** Str_Obj_List_Peek without an object. */
+TARN_API int Str_List_Peek(Str_List *list, const char **text);
 
 /* ------------------------------------------------------------------------------------------------------------------
  * Text, numbers, time
