@@ -35,12 +35,21 @@ class Queue_Lock {
   pthread_mutex_t *mutex_;
 };
 
+// Asked before the mutex is known to be there, while another thread may close the queue: hence the atomic flags.
 bool is_ready(const Link_Queue *queue) {
-  return queue != nullptr && (queue->flags & initialised) != 0;
+  return queue != nullptr && (__atomic_load_n(&queue->flags, __ATOMIC_RELAXED) & initialised) != 0;
 }
 
 bool is_marked(const Link_Queue *queue) {
   return (queue->flags & marked) != 0;
+}
+
+void set(Link_Queue *queue, int flag) {
+  __atomic_fetch_or(&queue->flags, flag, __ATOMIC_RELAXED);
+}
+
+void clear(Link_Queue *queue, int flag) {
+  __atomic_fetch_and(&queue->flags, ~flag, __ATOMIC_RELAXED);
 }
 
 unsigned int capacity_of(int request) {
@@ -90,7 +99,7 @@ int Link_Queue_Init(Link_Queue *queue, int capacity, pthread_mutex_t *mutex, pth
 int Link_Queue_Destroy(Link_Queue *queue) {
   if (queue == nullptr) return -EINVAL;
   if (!tarn::is_ready(queue)) return 0;
-  queue->flags &= ~tarn::initialised;
+  tarn::clear(queue, tarn::initialised);
   tarn::free_nodes(queue);
   return 0;
 }
@@ -99,7 +108,7 @@ int Link_Queue_Reset(Link_Queue *queue, int capacity) {
   if (!tarn::is_ready(queue)) return -EINVAL;
   const tarn::Queue_Lock lock(queue);
   tarn::free_nodes(queue);
-  queue->flags &= ~tarn::marked;
+  tarn::clear(queue, tarn::marked);
   queue->capacity = tarn::capacity_of(capacity);
   queue->count = 0;
   queue->total = 0;
@@ -109,7 +118,7 @@ int Link_Queue_Reset(Link_Queue *queue, int capacity) {
 int Link_Queue_Mark(Link_Queue *queue) {
   if (!tarn::is_ready(queue)) return -EINVAL;
   const tarn::Queue_Lock lock(queue);
-  queue->flags |= tarn::marked;
+  tarn::set(queue, tarn::marked);
   return 0;
 }
 
@@ -130,7 +139,7 @@ int Link_Queue_Push_Node(Link_Queue *queue, Link_Queue_Node *node) {
   if (!tarn::is_ready(queue) || node == nullptr) return -EINVAL;
   const tarn::Queue_Lock lock(queue);
   // A full queue closes itself: the consumer learns that the producer outran it.
-  if (queue->count == queue->capacity) queue->flags |= tarn::marked;
+  if (queue->count == queue->capacity) tarn::set(queue, tarn::marked);
   if (tarn::is_marked(queue)) {
     free(node);
     return -EXFULL;

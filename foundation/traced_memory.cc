@@ -100,21 +100,22 @@ bool is_whole(const Block_View &block, const char *guard, const char *name) {
 }
 
 // At the data's own address the fields are read four bytes off, and the back guard would lie anywhere: it is looked at
-// only within the real block.
-bool back_guard_lies_within(const char *address, const Block_View &block) {
-  if (block.has_magic()) return true;
-  const char *real = address - data_offset;
-  const Block_View real_block(real);
-  if (!real_block.has_magic()) return false;
-  const ptrdiff_t position = static_cast<ptrdiff_t>(data_offset) - 4 + block.size();
-  const ptrdiff_t last = static_cast<ptrdiff_t>(overhead) + real_block.size() - static_cast<ptrdiff_t>(guard_size);
-  return position >= 0 && position <= last;
+// only within the real block, and elsewhere cannot be whole. Where there is no block, nothing says how far to look.
+bool back_is_whole(const char *address, const Block_View &block) {
+  if (!block.has_magic()) {
+    const Block_View real_block(address - data_offset);
+    if (!real_block.has_magic()) return true;
+    const ptrdiff_t position = static_cast<ptrdiff_t>(data_offset) - 4 + block.size();
+    const ptrdiff_t last = static_cast<ptrdiff_t>(overhead) + real_block.size() - static_cast<ptrdiff_t>(guard_size);
+    if (position < 0 || position > last) return false;
+  }
+  return is_whole(block, block.back(), "postfix");
 }
 
 int check(const char *address) {
   const Block_View block(address - distance_to_block);
   const bool front = is_whole(block, block.front(), "prefix");
-  const bool back = !back_guard_lies_within(address, block) || is_whole(block, block.back(), "postfix");
+  const bool back = back_is_whole(address, block);
   return front && back ? 0 : 1;
 }
 
@@ -129,6 +130,9 @@ void link_at_tail(Trace_Mem_Node *node) {
 void unlink(Trace_Mem_Node *node) {
   node->prev->next = node->next;
   node->next->prev = node->prev;
+  // Freed once more, it is found out while its memory is nobody else's; volatile, or the store before free() is
+  // dropped.
+  static_cast<volatile Trace_Mem_Node *>(node)->magic = 0;
   ++g_cnFree;
 }
 

@@ -36,16 +36,20 @@ int look_at(const Place &place, const struct stat *known, struct stat *status) {
   return fstatat(place.dir_fd, place.name, status, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
 }
 
-// Never waits for a FIFO's other end, and sees when another file has taken the name since it was looked at. A link that
-// was named by the caller is followed.
-int open_source(const Place &source, const struct stat &status, Descriptor *opened) {
-  const bool is_link = S_ISLNK(status.st_mode);
+// Never waits for a FIFO's other end, and sees when something else has taken the name since it was looked at: another
+// file is copied as what it is, for programs replace theirs by renaming. A link that was named by the caller is
+// followed.
+int open_source(const Place &source, struct stat *status, Descriptor *opened) {
+  const bool is_link = S_ISLNK(status->st_mode);
   const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | (is_link ? 0 : O_NOFOLLOW);
   Descriptor file(openat(source.dir_fd, source.name, flags));
   int failure = file ? 0 : -errno;
   struct stat now;
   if (failure == 0 && fstat(file.get(), &now) != 0) failure = -errno;
-  if (failure == 0 && !is_link && !is_same_file(now, status)) failure = -ESTALE;
+  if (failure == 0 && !is_link && !is_same_file(now, *status)) {
+    if (!S_ISREG(now.st_mode)) failure = -ESTALE;
+    *status = now;
+  }
   if (failure == 0) *opened = std::move(file);
   if (failure != 0) {
     TARN_ERROR_AS(copy_file_name, "Can't open the source file %s error! (%d, %d)", source.shown, failure, -failure);
@@ -55,27 +59,24 @@ int open_source(const Place &source, const struct stat &status, Descriptor *open
 
 // A file that is there is emptied only when it turns out to be another than the source. It is still made when the name
 // is that of a link which leads nowhere.
-int open_existing(const Place &destination, int flags, mode_t mode, int source_fd, Descriptor *opened,
-                  bool *is_source) {
+int open_existing(const Place &destination, int flags, mode_t mode, int source_fd, Descriptor *opened) {
   Descriptor file(openat(destination.dir_fd, destination.name, flags | O_NONBLOCK, mode));
   if (!file) return -errno;
   struct stat source;
   struct stat found;
   if (fstat(source_fd, &source) != 0 || fstat(file.get(), &found) != 0) return -errno;
-  *is_source = is_same_file(source, found);
-  if (*is_source) return -EINVAL;
+  if (is_same_file(source, found)) return -EINVAL;
   if (found.st_size > 0 && ftruncate(file.get(), 0) != 0) return -errno;
   *opened = std::move(file);
   return 0;
 }
 
-int open_destination(const Place &destination, mode_t mode, bool in_tree, int source_fd, Descriptor *opened,
-                     bool *is_source) {
+int open_destination(const Place &destination, mode_t mode, bool in_tree, int source_fd, Descriptor *opened) {
   const int flags = O_WRONLY | O_CREAT | O_NOATIME | O_CLOEXEC | (in_tree ? O_NOFOLLOW : 0);
   Descriptor file(openat(destination.dir_fd, destination.name, flags | O_EXCL, mode));
   int failure = file ? 0 : -errno;
   if (failure == 0) *opened = std::move(file);
-  if (failure == -EEXIST) failure = open_existing(destination, flags, mode, source_fd, opened, is_source);
+  if (failure == -EEXIST) failure = open_existing(destination, flags, mode, source_fd, opened);
   if (failure != 0) {
     TARN_ERROR_AS(copy_file_name, "Can't open the destination file %s error! (%d)", destination.shown, failure);
   }
@@ -89,8 +90,7 @@ int set_attributes(int fd, const struct stat &status) {
   return futimens(fd, times) == 0 ? 0 : -errno;
 }
 
-int copy_content(const Place &source, const Place &destination, const struct stat *known, const Copy_Job &job,
-                 bool *is_source) {
+int copy_content(const Place &source, const Place &destination, const struct stat *known, const Copy_Job &job) {
   struct stat status;
   int result = look_at(source, known, &status);
   if (result != 0) {
@@ -98,12 +98,25 @@ int copy_content(const Place &source, const Place &destination, const struct sta
     return result;
   }
   Descriptor in;
-  result = open_source(source, status, &in);
+  result = open_source(source, &status, &in);
   if (result != 0) return result;
   Descriptor out;
-  result = open_destination(destination, status.st_mode & file_mode_bits, job.in_tree, in.get(), &out, is_source);
+  result = open_destination(destination, status.st_mode & file_mode_bits, job.in_tree, in.get(), &out);
   if (result == 0) result = copy_data(in.get(), out.get(), status.st_size, job.buffer, job.abort, job.counter);
   return result == 0 ? set_attributes(out.get(), status) : result;
+}
+
+// Whether one name is the other's, or a link to it.
+bool is_same_place(const Place &source, const Place &destination) {
+  for (const int flags : {0, AT_SYMLINK_NOFOLLOW}) {
+    struct stat a;
+    struct stat b;
+    if (fstatat(source.dir_fd, source.name, &a, flags) == 0 &&
+        fstatat(destination.dir_fd, destination.name, &b, flags) == 0 && is_same_file(a, b)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 int make_link(const Place &destination, const char *target) {
@@ -130,7 +143,8 @@ int set_link_attributes(const Place &destination, const struct stat &status) {
 // Mode and owner are best effort; the time is the result.
 int set_folder_attributes(const Place &destination, const struct stat &status) {
   const mode_t mode = status.st_mode & folder_mode_bits;
-  if (fchmodat(destination.dir_fd, destination.name, mode, 0) != 0) {
+  // Not behind a link that somebody has put at the new folder's place.
+  if (fchmodat(destination.dir_fd, destination.name, mode, AT_SYMLINK_NOFOLLOW) != 0) {
     const int failure = -errno;
     TARN_ERROR_AS(copy_folder_name, "Can't fchmodat the folder (%d, %s, %o) error! (%d)", destination.shown_fd,
                   destination.shown, mode, failure);
@@ -156,10 +170,11 @@ int set_modified_time(int dir_fd, const char *path, const timespec &modified) {
 }
 
 int copy_file(const Place &source, const Place &destination, const struct stat *status, const Copy_Job &job) {
-  bool is_source = false;
-  const int result = copy_content(source, destination, status, job, &is_source);
-  // Nothing half-written stays; but the name of the source itself is not removed.
-  if ((result < 0 || job.abort.is_set()) && !is_source) unlinkat(destination.dir_fd, destination.name, 0);
+  const int result = copy_content(source, destination, status, job);
+  // Nothing half-written stays; but the source itself is not removed, whatever has failed.
+  if ((result < 0 || job.abort.is_set()) && !is_same_place(source, destination)) {
+    unlinkat(destination.dir_fd, destination.name, 0);
+  }
   return result;
 }
 

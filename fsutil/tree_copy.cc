@@ -145,7 +145,7 @@ int prepare_destination(const struct stat &source, Destination *root) {
 
 int set_destination_attributes(const struct stat &source, const Destination &root) {
   const mode_t mode = source.st_mode & mode_bits;
-  if ((root.status.st_mode & mode_bits) != mode && fchmodat(root.dir_fd, root.path, mode, 0) != 0) {
+  if ((root.status.st_mode & mode_bits) != mode && fchmodat(root.dir_fd, root.path, mode, AT_SYMLINK_NOFOLLOW) != 0) {
     const int failure = -errno;
     TARN_ERROR_AS(function, "Can't fchmodat the dest folder (%d, %s, %d) error! (%d)", root.dir_fd, root.path,
                   static_cast<int>(mode), failure);

@@ -109,10 +109,11 @@ bool is_value(const char *text) {
   return text != nullptr && !has_newline(text);
 }
 
-// A number that does not fit its field is stored cut, as the getter stores it; only its bit stays clear.
+// A number that does not fit its field is stored cut, as the getter stores it; only its bit stays clear. One that is
+// missing leaves the field as it was preset.
 template <auto getter, typename Number>
 int read_number(const Record_Field &field, const Pair_Node *pairs, void *record) {
-  Number value = 0;
+  Number value = load<Number>(record, field.offset);
   const int status = getter(pairs, field.key, &value);
   store(record, field.offset, value);
   return status;
