@@ -76,8 +76,8 @@ bool has_ended(int socket_fd) {
   return seen == 0 || (seen < 0 && errno == ENOTSOCK);
 }
 
-// Bytes that went into the pipe, 0 when there are none yet, or the failure. A wait before each step would take a fifth of
-// the time; where the last step was a full one, the bytes behind it are there as a rule.
+// Bytes that went into the pipe, 0 when there are none yet, or the failure. A wait before each step would take a fifth
+// of the time; where the last step was a full one, the bytes behind it are there as a rule.
 ssize_t fill_pipe(int socket_fd, const Pipe &pipe, int64_t chunk, bool waits) {
   const int ready = waits ? Is_Socket_Ready_To_Recv(socket_fd, readiness_wait_ms) : 1;
   if (ready < 0) {
