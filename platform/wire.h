@@ -16,6 +16,9 @@ constexpr uint32_t kLargestBody = 8 * 1024 * 1024 - 4096;
 // Where the interface library finds the member's cluster service.
 constexpr char kSocketPath[] = "/run/tarncluster/command.sock";
 
+// Where appliances reach one another outside the bus.
+constexpr int kListenerPort = 62695;
+
 // Added to a command's time-out at each step on the way, so that the answer of the far end's own time-out arrives.
 constexpr int kBusGraceMs = 1000;
 constexpr int kCallerGraceMs = 3000;
@@ -43,6 +46,17 @@ enum class Wire_Kind : uint32_t {
   close_file = 43,  // Answer: number is the length, text the digest of all that was read
   keep_alive = 44,  // not answered; while nobody listens the bus itself says so
   abandon = 45,     // not answered: the asking side gives the transfer up
+
+  // Cluster service to cluster service, about who belongs to the cluster.
+  hello = 48,         // slave to master, every few seconds; text: digest of its list. Answer: the list when it differs
+  member_list = 49,   // master to slave; text: the list
+  leave = 50,         // master to slave
+  network_info = 51,  // slave to master; text: its address
+
+  // Between appliances at the TLS listener, outside the bus.
+  login = 80,           // text: "User" and "Password". Answer: text holds "host_name"
+  join = 81,            // behind a login: text is all that makes the appliance a slave
+  ask_membership = 82,  // slave to master; text: its certificate; more: its signature of the session
 
   // Cluster service to handler process: text is the handler's name, more the argument text.
   run_handler = 64,

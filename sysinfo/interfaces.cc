@@ -7,11 +7,13 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string_view>
 
 #include "foundation/owners.h"
@@ -53,6 +55,21 @@ bool skip(std::string_view *text, std::string_view beginning) {
   return true;
 }
 
+// The leading ones of a mask, or -1 when ones follow behind a zero. Its text would tell the same for any mask without
+// holes, but making that text costs as much as all else that a scan does by itself.
+int leading_ones(const void *mask, size_t size) {
+  const std::span bytes(static_cast<const unsigned char *>(mask), size);
+  int count = 0;
+  bool ended = false;
+  for (const unsigned char byte : bytes) {
+    const int ones = std::countl_one(byte);
+    if (ended ? byte != 0 : std::popcount(byte) != ones) return -1;
+    count += ones;
+    ended = ones < 8;
+  }
+  return count;
+}
+
 // 255.255.255.128 is 25. Read off the mask's text, so that a mask with holes gives what callers have always seen.
 unsigned short ipv4_prefix(const char *mask) {
   std::string_view rest = mask;
@@ -86,14 +103,22 @@ unsigned short ipv6_prefix(const char *mask) {
   return static_cast<unsigned short>(prefix);
 }
 
+template <typename Mask>
+unsigned short prefix_of(int family, const Mask &mask, unsigned short (*read_off)(const char *text)) {
+  const int ones = leading_ones(&mask, sizeof mask);
+  if (ones >= 0) return static_cast<unsigned short>(ones);
+  char text[INET6_ADDRSTRLEN] = "";
+  inet_ntop(family, &mask, text, sizeof text);
+  return read_off(text);
+}
+
 void take_ipv4(const ifaddrs &entry, Net_Interface *record) {
   const auto address_of = [](const sockaddr *address) {
     return &reinterpret_cast<const sockaddr_in *>(address)->sin_addr;
   };
-  char mask[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, address_of(entry.ifa_addr), record->ipv4, sizeof record->ipv4);
-  if (entry.ifa_netmask != nullptr) inet_ntop(AF_INET, address_of(entry.ifa_netmask), mask, sizeof mask);
-  record->prefix = ipv4_prefix(mask);
+  record->prefix = 0;
+  if (entry.ifa_netmask != nullptr) record->prefix = prefix_of(AF_INET, *address_of(entry.ifa_netmask), ipv4_prefix);
 }
 
 int take_ipv6(const ifaddrs &entry, Record *record) {
@@ -102,10 +127,8 @@ int take_ipv6(const ifaddrs &entry, Record *record) {
   };
   auto *made = static_cast<Net_Ipv6_Addr *>(calloc(1, sizeof(Net_Ipv6_Addr)));
   if (made == nullptr) return -ENOMEM;
-  char mask[INET6_ADDRSTRLEN] = "";
   inet_ntop(AF_INET6, address_of(entry.ifa_addr), made->address, sizeof made->address);
-  if (entry.ifa_netmask != nullptr) inet_ntop(AF_INET6, address_of(entry.ifa_netmask), mask, sizeof mask);
-  made->prefix = ipv6_prefix(mask);
+  if (entry.ifa_netmask != nullptr) made->prefix = prefix_of(AF_INET6, *address_of(entry.ifa_netmask), ipv6_prefix);
   *record->ipv6_end = made;
   record->ipv6_end = &made->next;
   return 0;
@@ -139,13 +162,24 @@ int read_flags(int socket, Net_Interface *record) {
   return 0;
 }
 
+// By hand: there is one for each interface, and snprintf takes as long as the request does.
+void write_hardware_address(const unsigned char (&bytes)[6], char (&mac)[18]) {
+  constexpr char digits[] = "0123456789ABCDEF";
+  char *out = mac;
+  for (const unsigned char byte : bytes) {
+    *out++ = digits[byte >> 4];
+    *out++ = digits[byte & 15];
+    *out++ = ':';
+  }
+  out[-1] = '\0';  // in place of the last colon
+}
+
 int read_hardware_address(int socket, Net_Interface *record) {
   ifreq request = request_for(*record);
   if (ioctl(socket, SIOCGIFHWADDR, &request) != 0) return -errno;
   unsigned char bytes[6];
   memcpy(bytes, request.ifr_hwaddr.sa_data, sizeof bytes);
-  snprintf(record->mac, sizeof record->mac, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2], bytes[3],
-           bytes[4], bytes[5]);
+  write_hardware_address(bytes, record->mac);
   return 0;
 }
 

@@ -47,6 +47,9 @@ void Table::ReportRuns(const std::vector<Run> &runs) {
       const double units_per_nanosecond = benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e-9;
       figures_[run.run_name.function_name] = {run.GetAdjustedCPUTime() / units_per_nanosecond,
                                               run.GetAdjustedRealTime() / units_per_nanosecond};
+      for (const auto &[name, seconds] : run.counters) {
+        figures_[run.run_name.function_name + ":" + name] = {seconds * 1e9, seconds * 1e9};
+      }
     }
   }
 }

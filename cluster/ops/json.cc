@@ -41,7 +41,9 @@ const char *Json_Builder::serialised() const {
 
 Json_Builder &Json_Builder::add(const char *key, json_object *value) {
   Json owned(value);
-  if (object_ && owned && json_object_object_add(object_.get(), key, value) == 0) {
+  // Keys are literals. json-c would lose its copy of one when the object cannot grow.
+  constexpr unsigned key_stays = JSON_C_OBJECT_ADD_CONSTANT_KEY;
+  if (object_ && owned && json_object_object_add_ex(object_.get(), key, value, key_stays) == 0) {
     static_cast<void>(owned.release());
   } else {
     object_.reset();

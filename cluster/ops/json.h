@@ -34,7 +34,7 @@ const char *json_text(json_object *value);
 template <typename Visit>
 int walk_arrays(const char *function, json_object *object, const Visit &visit, bool *had_empty_array = nullptr);
 
-// An object built member by member. When memory ends it is incomplete, and stays so.
+// An object built member by member, with keys that outlive it. When memory ends it is incomplete, and stays so.
 class Json_Builder {
  public:
   Json_Builder() : object_(json_object_new_object()) {}

@@ -88,7 +88,8 @@ int Tarn_Cluster_All_Serv_From_Sect_Node(const Sect_Node *sections, Tarn_Serv_Co
   if (out == nullptr) return -EINVAL;
   void *list = nullptr;
   const int status = tarn::sections_to_records(tarn::members, sections, &list);
-  tarn::hand_over(list, out);
+  // Also when memory ends before the first record: whoever releases what was made so far then finds nothing.
+  if (status != -EINVAL) *out = static_cast<Tarn_Serv_Conf *>(list);
   return status;
 }
 

@@ -62,7 +62,8 @@ int Tarn_Cluster_All_Share_From_Sect_Node(const Sect_Node *sections, Tarn_Share_
   if (out == nullptr) return -EINVAL;
   void *list = nullptr;
   const int status = tarn::sections_to_records(tarn::shares, sections, &list);
-  tarn::hand_over(list, out);
+  // Also when memory ends before the first record: whoever releases what was made so far then finds nothing.
+  if (status != -EINVAL) *out = static_cast<Tarn_Share_Conf *>(list);
   return status;
 }
 

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <system_error>
 
+#include "platform/clusterd/bus_address.h"
 #include "platform/clusterd/log.h"
-#include "tarncluster_util.h"
 
 namespace tarn::platform {
 
@@ -16,8 +18,10 @@ namespace {
 // The name in the bus server's certificate. It is longer than any member's, so no member can pose as the server.
 constexpr char kServerName[] = "tarncluster-bus";
 
-constexpr int kReconnectWaitMs = 500;
-constexpr int kPingIntervalMs = 10000;
+constexpr int kConnectMs = 1000;
+constexpr std::chrono::seconds kLongestAttempt{5};
+constexpr int kInterruptSignal = SIGUSR1;
+constexpr int kPingIntervalMs = 2000;  // a bus that moved away without a word is missed after some seconds
 
 int code_of(natsStatus status) {
   switch (status) {
@@ -48,21 +52,6 @@ int code_of(natsStatus status) {
   }
 }
 
-int read_url(const std::string &folder, std::string *url) {
-  const std::string path = folder + "/bus.conf";
-  char text[300];
-  int size = sizeof(text);
-  const int result = Get_Conf_File_String_Value(path.c_str(), "bus", "url", text, &size);
-  if (result != 0) {
-    log_line("cannot read the bus's address (url of section bus) from %s (%d)", path.c_str(), result);
-    return result < 0 ? result : -EINVAL;
-  }
-  *url = text;
-  if (url->starts_with("tls://")) return 0;
-  log_line("%s: the bus is reached by tls:// only", path.c_str());
-  return -EINVAL;
-}
-
 }  // namespace
 
 // ------------------------------------------------------------------------------------------------ connecting
@@ -70,13 +59,17 @@ int read_url(const std::string &folder, std::string *url) {
 // Only unusable bus files are final. A server that refuses the member may do so at any moment after the connection is
 // made; revive() tries again.
 int Bus::start() {
-  return connect() == -EINVAL ? -EINVAL : 0;
+  loop_thread_ = std::this_thread::get_id();
+  unlink(files_.connected_mark.c_str());  // left by a service that was killed
+  struct sigaction interruption = {};     // without SA_RESTART
+  interruption.sa_handler = [](int) {};
+  sigaction(kInterruptSignal, &interruption, nullptr);
+  const int result = poll_.start();
+  if (result != 0) return result;
+  return begin_to_connect() == -EINVAL ? -EINVAL : 0;
 }
 
-int Bus::set_options(natsOptions *options) {
-  std::string url;
-  const int result = read_url(files_.folder, &url);
-  if (result != 0) return result;
+int Bus::set_options(natsOptions *options, const std::string &url) {
   const std::string authority = files_.folder + "/ca.crt";
   const std::string certificate = files_.folder + "/member.crt";
   const std::string key = files_.folder + "/member.key";
@@ -90,18 +83,17 @@ int Bus::set_options(natsOptions *options) {
   if (status == NATS_OK) status = natsOptions_SetExpectedHostname(options, kServerName);
   if (status == NATS_OK) status = natsOptions_SetCustomInboxPrefix(options, inbox.c_str());
   if (status == NATS_OK) status = natsOptions_SetIgnoreDiscoveredServers(options, true);
-  // Nothing is kept for later while the bus is away: a command that failed must not be carried out after all.
-  if (status == NATS_OK) status = natsOptions_SetReconnectBufSize(options, 1);
   if (status == NATS_OK) status = natsOptions_SetFailRequestsOnDisconnect(options, true);
-  if (status == NATS_OK) status = natsOptions_SetMaxReconnect(options, -1);
-  if (status == NATS_OK) status = natsOptions_SetReconnectWait(options, kReconnectWaitMs);
-  if (status == NATS_OK) status = natsOptions_SetReconnectJitter(options, kReconnectWaitMs, kReconnectWaitMs);
+  // The client keeps the rest of a message that the old connection broke off, and would take the new one's first bytes
+  // for its end when an event loop reads for it: revive() makes a new connection instead. So nothing is kept for later
+  // while the bus is away either: a command that failed must not be carried out after all.
+  if (status == NATS_OK) status = natsOptions_SetAllowReconnect(options, false);
+  if (status == NATS_OK) status = natsOptions_SetTimeout(options, kConnectMs);
   if (status == NATS_OK) status = natsOptions_SetPingInterval(options, kPingIntervalMs);
   if (status == NATS_OK) status = natsOptions_SetMaxPingsOut(options, 2);
   // Without it a published message waits for the client's next flush, a millisecond.
   if (status == NATS_OK) status = natsOptions_SetSendAsap(options, true);
-  if (status == NATS_OK) status = natsOptions_SetRetryOnFailedConnect(options, true, on_connected, this);
-  if (status == NATS_OK) status = natsOptions_SetReconnectedCB(options, on_connected, this);
+  if (status == NATS_OK) status = poll_.serve(options);
   if (status == NATS_OK) status = natsOptions_SetDisconnectedCB(options, on_disconnected, this);
   if (status == NATS_OK) status = natsOptions_SetErrorHandler(options, on_error, this);
   if (status == NATS_OK) return 0;
@@ -109,26 +101,69 @@ int Bus::set_options(natsOptions *options) {
   return -EINVAL;
 }
 
-int Bus::connect() {
+// The connection is made by a thread of its own, since that waits for the other end; process() takes it.
+int Bus::begin_to_connect() {
+  if (connector_.joinable()) return 0;  // take_attempt() and revive() come back to it
+  std::string url;
+  int result = read_bus_url(files_.folder, identity_, &url);
+  if (result != 0) return result;
   natsOptions *made = nullptr;
   if (natsOptions_Create(&made) != NATS_OK) return -ENOMEM;
-  const Nats_Owner<natsOptions> options(made);
-  int result = set_options(made);
+  const std::shared_ptr<natsOptions> options(made, Nats_Release());
+  result = set_options(made, url);
   if (result != 0) return result;
-
-  natsConnection *raw = nullptr;
-  const natsStatus status = natsConnection_Connect(&raw, made);
-  if (raw == nullptr) {
-    log_line("cannot connect to the bus: %s", natsStatus_GetText(status));
-    return status == NATS_OK ? -EIO : code_of(status);
+  url_ = url;
+  attempt_end_ = Clock::now() + kLongestAttempt;
+  try {
+    connector_ = std::thread([this, options] { connect(options.get()); });
+  } catch (const std::system_error &) {
+    return -EAGAIN;
   }
-  const Nats_Connection connection(raw, Nats_Release());
-  result = subscribe_requests(connection);
-  if (result != 0) return result;
-  const std::scoped_lock lock(mutex_);
-  connection_ = connection;
-  if (status == NATS_OK) set_connected(true);
   return 0;
+}
+
+void Bus::connect(natsOptions *options) {
+  natsConnection *raw = nullptr;
+  const natsStatus status = natsConnection_Connect(&raw, options);
+  const std::scoped_lock lock(mutex_);
+  attempt_ = Attempt{status, Nats_Connection(raw, Nats_Release())};
+  poll_.wake();
+}
+
+void Bus::take_attempt() {
+  std::optional<Attempt> attempt;
+  {
+    const std::scoped_lock lock(mutex_);
+    attempt.swap(attempt_);
+  }
+  if (!attempt) return;
+  connector_.join();
+  if (attempt->status != NATS_OK) return log_trouble(natsStatus_GetText(attempt->status));
+  if (subscribe_requests(attempt->connection) != 0) return;
+  {
+    const std::scoped_lock lock(mutex_);
+    connection_ = attempt->connection;
+  }
+  set_connected(true);
+  follow_address();  // it may have become another one meanwhile
+}
+
+// The client has no limit for the TLS handshake, in which the other end may fall silent. A signal breaks it off.
+void Bus::interrupt_attempt() {
+  if (connector_.joinable()) pthread_kill(connector_.native_handle(), kInterruptSignal);
+}
+
+void Bus::drop_attempt() {
+  while (connector_.joinable()) {
+    {
+      const std::scoped_lock lock(mutex_);
+      if (attempt_) break;
+    }
+    interrupt_attempt();
+    usleep(10000);
+  }
+  if (connector_.joinable()) connector_.join();
+  attempt_.reset();
 }
 
 // One queue group: should a member's service run twice, a command still runs once.
@@ -136,37 +171,66 @@ int Bus::subscribe_requests(const Nats_Connection &connection) {
   const std::string subject = identity_.is_master ? "tarn.master.*" : "tarn.slave." + identity_.slave_id;
   natsSubscription *subscription = nullptr;
   const natsStatus status =
-      natsConnection_QueueSubscribe(&subscription, connection.get(), subject.c_str(), "tarnclusterd", on_request, this);
+      natsConnection_QueueSubscribeSync(&subscription, connection.get(), subject.c_str(), "tarnclusterd");
   if (status != NATS_OK) return code_of(status);
   requests_.reset(subscription);
   return 0;
 }
 
 void Bus::revive() {
+  if (is_stopping()) return;
+  if (is_address_doubtful_.exchange(false)) follow_address();
   const Nats_Connection current = connection();
-  if (is_stopping() || connected_) return;
-  if (current) log_trouble(current.get());
-  if (!current || natsConnection_IsClosed(current.get())) connect();
+  if (current && !natsConnection_IsClosed(current.get())) return;
+  if (current) {
+    log_trouble_of(current.get());
+    give_up_connection();
+  }
+  if (attempt_end_ <= Clock::now()) interrupt_attempt();
+  begin_to_connect();
 }
 
-void Bus::log_trouble(natsConnection *connection) {
-  const char *detail = nullptr;
-  const natsStatus status = natsConnection_GetLastError(connection, &detail);
-  const std::string trouble = std::string(natsStatus_GetText(status)) + ": " + (detail == nullptr ? "" : detail);
-  if (status == NATS_OK || trouble == trouble_) return;
-  log_line("cannot reach the bus: %s", trouble.c_str());
+void Bus::follow_address() {
+  std::string url;
+  if (is_stopping() || read_bus_url(files_.folder, identity_, &url) != 0 || url == url_) return;
+  log_line("the bus is now at %s", url.c_str());
+  give_up_connection();
+  begin_to_connect();
+}
+
+void Bus::give_up_connection() {
+  Nats_Connection old;
+  {
+    const std::scoped_lock lock(mutex_);
+    old.swap(connection_);
+  }
+  ++losses_;
+  set_connected(false);
+  requests_.reset();
+  if (old) natsConnection_Close(old.get());
+  poll_.wake();  // no question that is open will be answered
+}
+
+void Bus::log_trouble(const std::string &trouble) {
+  if (trouble != trouble_) log_line("cannot reach the bus: %s", trouble.c_str());
   trouble_ = trouble;
 }
 
+void Bus::log_trouble_of(natsConnection *connection) {
+  const char *detail = nullptr;
+  const natsStatus status = natsConnection_GetLastError(connection, &detail);
+  if (status != NATS_OK)
+    log_trouble(std::string(natsStatus_GetText(status)) + ": " + (detail == nullptr ? "" : detail));
+}
+
 void Bus::stop() {
-  Nats_Connection connection;
-  {
-    const std::scoped_lock lock(mutex_);
-    connection.swap(connection_);
-  }
-  if (connection) natsConnection_Close(connection.get());
-  requests_.reset();
-  set_connected(false);
+  drop_attempt();
+  give_up_connection();
+  free_inboxes_.clear();
+  free_messages();
+  const std::vector<Question> unanswered = std::move(questions_);
+  questions_.clear();
+  for (const Question &question : unanswered) question.receiver(-ESHUTDOWN, {});
 }
 
 Nats_Connection Bus::connection() const {
@@ -188,13 +252,18 @@ void Bus::set_connected(bool connected) {
 // ------------------------------------------------------------------------------------------------ the client's
 // callbacks
 
-void Bus::on_connected(natsConnection *, void *bus) {
-  static_cast<Bus *>(bus)->set_connected(true);
+// What a connection tells that was given up no longer counts.
+bool Bus::is_given_up(natsConnection *connection) const {
+  const Nats_Connection current = this->connection();
+  return current && current.get() != connection;
 }
 
-void Bus::on_disconnected(natsConnection *, void *bus) {
-  ++static_cast<Bus *>(bus)->losses_;
-  static_cast<Bus *>(bus)->set_connected(false);
+void Bus::on_disconnected(natsConnection *connection, void *bus) {
+  Bus *self = static_cast<Bus *>(bus);
+  if (self->is_given_up(connection)) return;
+  ++self->losses_;
+  self->set_connected(false);
+  self->poll_.wake();  // no question that is open will be answered
 }
 
 void Bus::on_error(natsConnection *connection, natsSubscription *, natsStatus status, void *) {
@@ -203,15 +272,42 @@ void Bus::on_error(natsConnection *connection, natsSubscription *, natsStatus st
   log_line("bus: %s %s", natsStatus_GetText(status), detail == nullptr ? "" : detail);
 }
 
-void Bus::on_request(natsConnection *, natsSubscription *, natsMsg *raw, void *bus) {
+// ------------------------------------------------------------------------------------------------ the loop's thread
+
+void Bus::process() {
+  take_attempt();
+  const Nats_Connection connection = this->connection();
+  poll_.process(connection.get());
+  take_requests();
+  take_answers();
+  if (connection) Bus_Poll::flush(connection.get());
+}
+
+void Bus::take_requests() {
+  for (natsMsg *raw = nullptr; requests_ && natsSubscription_NextMsg(&raw, requests_.get(), 0) == NATS_OK;)
+    on_request(raw);
+}
+
+void Bus::on_request(natsMsg *raw) {
   const Nats_Message message(raw, Nats_Release());
-  Bus *self = static_cast<Bus *>(bus);
   std::string sender = kMasterId;
-  if (self->identity_.is_master) {
+  if (identity_.is_master) {
     const std::string subject = natsMsg_GetSubject(raw);
     sender = subject.substr(subject.rfind('.') + 1);
   }
-  self->receiver_(sender, message);
+  receiver_(sender, message);
+}
+
+void Bus::take_answers() {
+  // A receiver may ask anew: the vector may grow meanwhile.
+  for (size_t i = 0; i < questions_.size();) {
+    if (conclude(&questions_[i])) {
+      questions_[i] = std::move(questions_.back());
+      questions_.pop_back();
+    } else {
+      ++i;
+    }
+  }
 }
 
 // ------------------------------------------------------------------------------------------------ requests
@@ -234,6 +330,70 @@ int Bus::request(const std::string &member, const Message &message, Deadline dea
   return decode_message(received, answer) ? 0 : -EBADMSG;
 }
 
+int Bus::take_inbox(const Nats_Connection &connection, Inbox *inbox) {
+  while (!free_inboxes_.empty()) {
+    *inbox = std::move(free_inboxes_.back());
+    free_inboxes_.pop_back();
+    if (inbox->connection == connection) return 0;  // else of a connection that was given up
+  }
+  const std::string name = random_name();
+  if (name.empty()) return -EIO;
+  inbox->connection = connection;
+  inbox->subject = "tarn.inbox." + identity_.bus_name() + "." + name;
+  return subscribe(connection, inbox->subject, &inbox->subscription);
+}
+
+int Bus::ask(const std::string &member, const Message &message, Deadline deadline, Answer_Receiver receiver) {
+  if (!fits(message)) return -EMSGSIZE;
+  const Nats_Connection connection = this->connection();
+  if (!connection || natsConnection_Status(connection.get()) != NATS_CONN_STATUS_CONNECTED) return -ENOTCONN;
+
+  Question question{{}, deadline, losses_, std::move(receiver)};
+  const int result = take_inbox(connection, &question.inbox);
+  if (result != 0) return result;
+  const std::string bytes = encode(message);
+  const natsStatus status =
+      natsConnection_PublishRequest(connection.get(), subject_to(member).c_str(), question.inbox.subject.c_str(),
+                                    bytes.data(), static_cast<int>(bytes.size()));
+  if (status != NATS_OK) return code_of(status);
+  flush(connection);
+  questions_.push_back(std::move(question));
+  return 0;
+}
+
+// True when it has its answer, or will have none.
+bool Bus::conclude(Question *question) {
+  natsMsg *raw = nullptr;
+  const natsStatus status = natsSubscription_NextMsg(&raw, question->inbox.subscription.get(), 0);
+  const Nats_Message received(raw, Nats_Release());
+  int code = code_of(status);
+  if (status == NATS_TIMEOUT) {
+    if (question->losses != losses_) {
+      code = -ECONNRESET;
+    } else if (question->deadline > Clock::now()) {
+      return false;
+    }
+  }
+  free_later(received);
+  Message answer;
+  if (code == 0 && !decode_message(received, &answer)) code = -EBADMSG;
+  const bool is_inbox_empty = status == NATS_OK || status == NATS_NO_RESPONDERS;
+  if (is_inbox_empty && free_inboxes_.size() < kInboxesKept) free_inboxes_.push_back(std::move(question->inbox));
+  const Answer_Receiver receiver = std::move(question->receiver);
+  receiver(code, std::move(answer));
+  return true;
+}
+
+Deadline Bus::next_deadline() const {
+  Deadline next = Deadline::max();
+  for (const Question &question : questions_) next = std::min(next, question.deadline);
+  return next;
+}
+
+void Bus::end_late_questions() {
+  if (next_deadline() <= Clock::now()) take_answers();
+}
+
 void Bus::answer(const Nats_Message &request, const Message &message) {
   const char *subject = natsMsg_GetReply(request.get());
   const Nats_Connection connection = this->connection();
@@ -242,6 +402,18 @@ void Bus::answer(const Nats_Message &request, const Message &message) {
   const natsStatus status =
       natsConnection_Publish(connection.get(), subject, bytes.data(), static_cast<int>(bytes.size()));
   if (status != NATS_OK) log_line("an answer was lost: %s", natsStatus_GetText(status));
+  flush(connection);
+  free_later(request);
+}
+
+void Bus::free_later(const Nats_Message &message) {
+  if (!message || std::this_thread::get_id() != loop_thread_ || spent_.size() >= kMessagesKept) return;
+  if (natsMsg_GetDataLength(message.get()) <= kLongestKept) spent_.push_back(message);
+}
+
+// What another thread publishes is written by the loop's, which is woken for it.
+void Bus::flush(const Nats_Connection &connection) {
+  if (std::this_thread::get_id() == loop_thread_) Bus_Poll::flush(connection.get());
 }
 
 bool Bus::decode_message(const Nats_Message &bytes, Message *message) {

@@ -13,8 +13,12 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "platform/clusterd/bus_poll.h"
 #include "platform/clusterd/identity.h"
 #include "platform/clusterd/io.h"
 
@@ -67,7 +71,7 @@ class Bus_Channel {
 
 class Bus {
  public:
-  // Called on a thread of the bus for each request: from whom, and what to answer with.
+  // Called by process() for each request: from whom, and what to answer with.
   using Receiver = std::function<void(const std::string &sender, const Nats_Message &request)>;
 
   Bus(Identity identity, Bus_Files files, Receiver receiver)
@@ -78,17 +82,45 @@ class Bus {
   int start();
   void stop();
 
-  // To be called now and then: the client gives a connection up for good when the server refuses the member (one that
-  // is not in the server's list yet, say); this makes a new one. While there is no connection it logs why.
+  // Readable when process() is to be called, on the loop's thread. It takes what has come: requests, answers to
+  // questions, pieces of files. Nothing comes to any thread of the service without it.
+  int fd() const { return poll_.fd(); }
+  void process();
+
+  // To be called now and then, on the loop's thread: while there is no connection it begins to make one, and logs why
+  // there is none.
   void revive();
+
+  // Connects anew when the bus's address has become another one; on the loop's thread.
+  void follow_address();
+
+  // Has revive() do that; from any thread.
+  void doubt_address() { is_address_doubtful_ = true; }
+
+  bool is_connected() const { return connected_; }
 
   // Asks a member: the slave of that id, or the master (kMasterId). Answers 0 with its answer; -EHOSTUNREACH when it is
   // down; -ENOTCONN when this member is not connected, -ECONNRESET when it lost the connection while waiting (the
   // command may have been done); -ETIME; -EMSGSIZE.
   int request(const std::string &member, const Message &message, Deadline deadline, Message *answer);
 
+  // The same without waiting, on the loop's thread: process() calls the receiver with the code and the answer. A code
+  // other than 0 that is answered here is final, and the receiver is not called.
+  using Answer_Receiver = std::function<void(int code, Message &&answer)>;
+  int ask(const std::string &member, const Message &message, Deadline deadline, Answer_Receiver receiver);
+
+  size_t open_questions() const { return questions_.size(); }
+
+  // When end_late_questions() is to be called next, on the loop's thread.
+  Deadline next_deadline() const;
+  void end_late_questions();
+
   // Answers a request that the receiver was called with.
   void answer(const Nats_Message &request, const Message &message);
+
+  // The client frees messages on a thread of its own, which is woken for each. Small ones are kept until this is
+  // called, when nothing else is to be done.
+  void free_messages() { spent_.clear(); }
 
   // Channels of a file transfer, for the asking and the answering side; the session's name is the answering side's.
   int ask_session(const std::string &member, const std::string &session, Bus_Channel *channel);
@@ -98,18 +130,54 @@ class Bus {
 
  private:
   friend class Bus_Channel;
-  int connect();
-  int set_options(natsOptions *options);
+
+  // Where the answer to one question at a time arrives. One that is not answered takes its inbox along, so that a late
+  // answer reaches nobody.
+  struct Inbox {
+    Nats_Connection connection;
+    Nats_Owner<natsSubscription> subscription;
+    std::string subject;
+  };
+  struct Question {
+    Inbox inbox;
+    Deadline deadline;
+    uint64_t losses;
+    Answer_Receiver receiver;
+  };
+  static constexpr size_t kInboxesKept = 16;
+  static constexpr size_t kMessagesKept = 64;
+  static constexpr int kLongestKept = 4096;
+
+  // What came of trying to connect.
+  struct Attempt {
+    natsStatus status;
+    Nats_Connection connection;
+  };
+
+  int begin_to_connect();
+  int set_options(natsOptions *options, const std::string &url);
+  void connect(natsOptions *options);
+  void take_attempt();
+  void interrupt_attempt();
+  void drop_attempt();
+  void give_up_connection();
   int subscribe_requests(const Nats_Connection &connection);
   Nats_Connection connection() const;
   std::string subject_to(const std::string &member) const;
   int subscribe(const Nats_Connection &connection, const std::string &subject,
                 Nats_Owner<natsSubscription> *subscription);
+  void flush(const Nats_Connection &connection);
+  int take_inbox(const Nats_Connection &connection, Inbox *inbox);
+  void free_later(const Nats_Message &message);
+  bool conclude(Question *question);
+  void take_requests();
+  void take_answers();
+  void on_request(natsMsg *raw);
   void set_connected(bool connected);
-  void log_trouble(natsConnection *connection);
+  void log_trouble(const std::string &trouble);
+  void log_trouble_of(natsConnection *connection);
+  bool is_given_up(natsConnection *connection) const;
 
-  static void on_request(natsConnection *, natsSubscription *, natsMsg *message, void *bus);
-  static void on_connected(natsConnection *, void *bus);
   static void on_disconnected(natsConnection *, void *bus);
   static void on_error(natsConnection *, natsSubscription *, natsStatus status, void *bus);
 
@@ -118,10 +186,20 @@ class Bus {
   const Receiver receiver_;
   mutable std::mutex mutex_;
   Nats_Connection connection_;
+  std::optional<Attempt> attempt_;
   Nats_Owner<natsSubscription> requests_;
   std::atomic<uint64_t> losses_ = 0;
   std::atomic<bool> connected_ = false;
+  std::atomic<bool> is_address_doubtful_ = false;
+  std::thread connector_;  // of the loop's thread, as all that follows; runs until its attempt is there
+  Deadline attempt_end_;
+  std::string url_;      // of the connection, or of the attempt at one
   std::string trouble_;  // the last one logged
+  Bus_Poll poll_;
+  std::thread::id loop_thread_;
+  std::vector<Question> questions_;
+  std::vector<Inbox> free_inboxes_;
+  std::vector<Nats_Message> spent_;
 };
 
 }  // namespace tarn::platform

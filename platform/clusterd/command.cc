@@ -1,39 +1,12 @@
 #include "platform/clusterd/command.h"
 
-#include <json-c/json.h>
-
 #include <cerrno>
-#include <memory>
+
+#include "platform/clusterd/json_text.h"
 
 namespace tarn::platform {
 
 namespace {
-
-struct Json_Release {
-  void operator()(json_object *object) const { json_object_put(object); }
-};
-using Json = std::unique_ptr<json_object, Json_Release>;
-
-Json parse_object(const std::string &text) {
-  Json object(json_tokener_parse(text.c_str()));
-  return json_object_is_type(object.get(), json_type_object) ? std::move(object) : nullptr;
-}
-
-// A text that holds a NUL would be another one for whoever takes it as a C string.
-std::optional<std::string> text_member(const Json &object, const char *key) {
-  json_object *member = nullptr;
-  if (!json_object_object_get_ex(object.get(), key, &member) || !json_object_is_type(member, json_type_string))
-    return {};
-  std::string text(json_object_get_string(member), static_cast<size_t>(json_object_get_string_len(member)));
-  if (text.find('\0') != std::string::npos) return {};
-  return text;
-}
-
-std::optional<int> number_member(const Json &object, const char *key) {
-  json_object *member = nullptr;
-  if (!json_object_object_get_ex(object.get(), key, &member) || !json_object_is_type(member, json_type_int)) return {};
-  return json_object_get_int(member);
-}
 
 bool is_absolute(const std::optional<std::string> &path) {
   return path && path->starts_with('/');
@@ -44,14 +17,14 @@ bool is_absolute(const std::optional<std::string> &path) {
 int parse_command(const std::string &text, Command *command) {
   const Json object = parse_object(text);
   if (!object) return -EINVAL;
-  const std::optional<int> op_code = number_member(object, "op_code");
-  command->slave_id = text_member(object, "slave_id");
-  command->master_id = text_member(object, "master_id");
+  const std::optional<int> op_code = number_member(object.get(), "op_code");
+  command->slave_id = text_member(object.get(), "slave_id");
+  command->master_id = text_member(object.get(), "master_id");
   if (!op_code || command->slave_id.has_value() == command->master_id.has_value()) return -EINVAL;
 
   command->op_code = *op_code;
   if (command->op_code != kOpCallHandler) return 0;
-  const std::optional<std::string> fname = text_member(object, "fname");
+  const std::optional<std::string> fname = text_member(object.get(), "fname");
   if (!fname) return -EINVAL;
   command->fname = *fname;
   return 0;
@@ -60,7 +33,7 @@ int parse_command(const std::string &text, Command *command) {
 int parse_control_command(const std::string &text, int *op_code) {
   const Json object = parse_object(text);
   if (!object) return -EINVAL;
-  const std::optional<int> number = number_member(object, "op_code");
+  const std::optional<int> number = number_member(object.get(), "op_code");
   if (!number) return -EINVAL;
   *op_code = *number;
   return 0;
@@ -69,14 +42,22 @@ int parse_control_command(const std::string &text, int *op_code) {
 int parse_file_argument(const std::string &text, File_Argument *argument) {
   const Json object = parse_object(text);
   if (!object) return -EINVAL;
-  const std::optional<std::string> source = text_member(object, "src_path");
-  const std::optional<std::string> destination = text_member(object, "dst_path");
+  const std::optional<std::string> source = text_member(object.get(), "src_path");
+  const std::optional<std::string> destination = text_member(object.get(), "dst_path");
   if (!is_absolute(source) || !is_absolute(destination)) return -EINVAL;
 
   argument->source_path = *source;
   argument->destination_path = *destination;
-  argument->progress = text_member(object, "progress");
+  argument->progress = text_member(object.get(), "progress");
   return argument->progress && !is_absolute(argument->progress) ? -EINVAL : 0;
+}
+
+// One that says nothing is the handler's to judge. A number, say, would be taken as the text of it there.
+bool speaks_for(const std::string &argument, const std::string &slave_id) {
+  const Json object = parse_object(argument);
+  json_object *member = nullptr;
+  if (!object || !json_object_object_get_ex(object.get(), "slave_id", &member)) return true;
+  return text_member(object.get(), "slave_id") == slave_id;
 }
 
 std::string file_reply(const Command &command, const std::string &result_path) {

@@ -35,6 +35,9 @@ int parse_command(const std::string &text, Command *command);
 int parse_control_command(const std::string &text, int *op_code);
 int parse_file_argument(const std::string &text, File_Argument *argument);
 
+// False when the argument says, in whatever form, that it comes from somebody else than this slave.
+bool speaks_for(const std::string &argument, const std::string &slave_id);
+
 // The reply of a file command: its status, and where the file is now, under the identity that the command bore.
 std::string file_reply(const Command &command, const std::string &result_path);
 

@@ -1,5 +1,6 @@
 #include "platform/clusterd/handler_runner.h"
 
+#include <sched.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -24,6 +25,20 @@ bool is_handler_name(std::string_view name) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
   };
   return name.ends_with("_Cb") && name.size() <= 128 && std::all_of(name.begin(), name.end(), may_stand_in_name);
+}
+
+// 0, or why no handler is to be asked.
+int check_order(const std::string &name, const std::string &argument) {
+  if (!is_handler_name(name)) return -ENOSYS;
+  return argument.find('\0') == std::string::npos ? 0 : -EINVAL;  // a handler would see the text cut there
+}
+
+Message order_of(const std::string &name, const std::string &argument) {
+  Message order;
+  order.kind = Wire_Kind::run_handler;
+  order.text = name;
+  order.more = argument;
+  return order;
 }
 
 // Sends one order, with a descriptor when fd is not negative.
@@ -71,14 +86,20 @@ int Handler_Runner::start() {
 void Handler_Runner::rest() {
   const std::scoped_lock lock(mutex_);
   // Each ends when it sees its socket closed.
-  if (Clock::now() - last_command_ > kIdleLife) in_waiting_.clear();
+  if (is_resting()) in_waiting_.clear();
+}
+
+Handler_Runner::Need Handler_Runner::need_of_processes() {
+  const std::scoped_lock lock(mutex_);
+  if (!orders_ || in_waiting_.size() >= kInWaiting || is_resting()) return Need::none;
+  return in_waiting_.empty() ? Need::urgent : Need::some;
 }
 
 void Handler_Runner::prepare() {
   const std::scoped_lock lock(mutex_);
   while (orders_ && in_waiting_.size() < kInWaiting) {
     Process process;
-    if (fork_process(&process) != 0) return;
+    if (fork_process(Handler_Order_Kind::prepare, &process) != 0) return;
     in_waiting_.push_back(std::move(process));
   }
 }
@@ -131,68 +152,103 @@ void Handler_Runner::stop() {
   host_ = 0;
 }
 
-int Handler_Runner::fork_process(Process *process) {
+int Handler_Runner::fork_process(Handler_Order_Kind kind, Process *process) {
   if (!orders_) return -EPIPE;
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
   process->socket = Descriptor(pair[0]);
   const Descriptor theirs(pair[1]);
   process->id = next_id_++;
-  return send_order(orders_.get(), {Handler_Order_Kind::run, 0, process->id}, theirs.get());
+  return send_order(orders_.get(), {kind, 0, process->id}, theirs.get());
+}
+
+// One that is not ready yet is left where it is.
+bool Handler_Runner::take_waiting_process(Process *process) {
+  last_command_ = Clock::now();
+  for (auto entry = in_waiting_.begin(); entry != in_waiting_.end();) {
+    char ready;
+    const ssize_t received = recv(entry->socket.get(), &ready, sizeof(ready), MSG_DONTWAIT);
+    if (received < 0 && (errno == EAGAIN || errno == EINTR)) {
+      ++entry;
+      continue;
+    }
+    if (received > 0) *process = std::move(*entry);
+    entry = in_waiting_.erase(entry);  // taken, or gone
+    if (received > 0) return true;
+  }
+  return false;
 }
 
 // One that waits already, or a new one.
 int Handler_Runner::take_process(Process *process) {
   const std::scoped_lock lock(mutex_);
-  last_command_ = Clock::now();
-  while (!in_waiting_.empty()) {
-    *process = std::move(in_waiting_.back());
-    in_waiting_.pop_back();
-    if (!has_hung_up(process->socket.get())) return 0;
-  }
-  return fork_process(process) == 0 ? 0 : -EAGAIN;
+  if (take_waiting_process(process)) return 0;
+  hurry_host();
+  return fork_process(Handler_Order_Kind::run, process) == 0 ? 0 : -EAGAIN;
+}
+
+// It may be at work for later commands, and give way to whatever else is; not any longer.
+void Handler_Runner::hurry_host() {
+  const sched_param none = {};
+  if (host_ > 0) sched_setscheduler(host_, SCHED_OTHER, &none);
 }
 
 void Handler_Runner::send_end(uint64_t id) {
   const std::scoped_lock lock(mutex_);
+  hurry_host();
   if (orders_) send_order(orders_.get(), {Handler_Order_Kind::end, 0, id}, -1);
 }
 
-int Handler_Runner::converse(const Descriptor &socket, const Message &request, Deadline deadline, std::string *reply) {
-  int result = send_message(socket.get(), request, deadline);
-  if (result != 0) return result;
+bool Handler_Runner::begin(const std::string &name, const std::string &argument, Running *running) {
+  const Message command = order_of(name, argument);
+  if (check_order(name, argument) != 0 || !is_sent_at_once(command) || !free_handlers_.try_acquire()) return false;
+  running->slot_.reset(&free_handlers_);
+  Process process;
+  {
+    const std::scoped_lock lock(mutex_);
+    if (!take_waiting_process(&process)) return false;
+  }
+  running->id_ = process.id;
+  running->socket_ = std::move(process.socket);
+  running->name_ = name;
+  // A process that is gone is told of by finish(), for its socket has something to say as well.
+  send_message(running->socket(), command, deadline_after(0));
+  return true;
+}
+
+int Handler_Runner::finish(const Running &running, Deadline deadline, std::string *reply) {
   Message answer;
-  result = receive_message(socket.get(), &answer, deadline);
-  if (result != 0) return result;
+  const int result = receive_message(running.socket(), &answer, deadline);
+  if (result != 0) return conclude(running, result);
   if (answer.value == 0) *reply = std::move(answer.text);
   return answer.value;
 }
 
-int Handler_Runner::run(const std::string &name, const std::string &argument, Deadline deadline, std::string *reply) {
-  if (!is_handler_name(name)) return -ENOSYS;
-  if (argument.find('\0') != std::string::npos) return -EINVAL;  // a handler would see the text cut there
-  if (!free_handlers_.try_acquire_until(deadline)) return -ETIME;
-  struct Slot {
-    std::counting_semaphore<kHandlersAtOnce> &slots;
-    ~Slot() { slots.release(); }
-  } const slot{free_handlers_};
+int Handler_Runner::conclude(const Running &running, int result) {
+  if (result == -ETIME || result == -ESHUTDOWN) send_end(running.id_);
+  if (result == -ETIME) log_line("handler %s ended at its time-out", running.name_.c_str());
+  if (result != -ECONNRESET && result != -EBADMSG) return result;
+  log_line("handler %s ended without an answer", running.name_.c_str());
+  return -EIO;
+}
 
-  int result = start();
+int Handler_Runner::run(const std::string &name, const std::string &argument, Deadline deadline, std::string *reply) {
+  int result = check_order(name, argument);
+  if (result != 0) return result;
+  if (!free_handlers_.try_acquire_until(deadline)) return -ETIME;
+  Running running;
+  running.slot_.reset(&free_handlers_);
+
+  result = start();
   if (result != 0) return result;
   Process process;
   result = take_process(&process);
   if (result != 0) return result;
-
-  Message request;
-  request.kind = Wire_Kind::run_handler;
-  request.text = name;
-  request.more = argument;
-  result = converse(process.socket, request, deadline, reply);
-  if (result == -ETIME || result == -ESHUTDOWN) send_end(process.id);
-  if (result == -ETIME) log_line("handler %s ended at its time-out", name.c_str());
-  if (result != -ECONNRESET && result != -EBADMSG) return result;
-  log_line("handler %s ended without an answer", name.c_str());
-  return -EIO;
+  running.id_ = process.id;
+  running.socket_ = std::move(process.socket);
+  running.name_ = name;
+  result = send_message(running.socket(), order_of(name, argument), deadline);
+  return result == 0 ? finish(running, deadline, reply) : conclude(running, result);
 }
 
 }  // namespace tarn::platform

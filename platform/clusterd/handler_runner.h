@@ -5,17 +5,35 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <semaphore>
 #include <string>
 #include <vector>
 
+#include "platform/clusterd/handler_orders.h"
 #include "platform/clusterd/io.h"
 
 namespace tarn::platform {
 
 class Handler_Runner {
  public:
+  // A command that has been handed to a process of its own.
+  class Running {
+   public:
+    int socket() const { return socket_.get(); }
+
+   private:
+    friend class Handler_Runner;
+    struct Release {
+      void operator()(std::counting_semaphore<> *slots) const { slots->release(); }
+    };
+    std::unique_ptr<std::counting_semaphore<>, Release> slot_;
+    uint64_t id_ = 0;
+    Descriptor socket_;
+    std::string name_;
+  };
+
   // The host's program, and the libraries in which it looks handlers up.
   Handler_Runner(std::string program, std::vector<std::string> libraries)
       : program_(std::move(program)), libraries_(std::move(libraries)) {}
@@ -25,12 +43,20 @@ class Handler_Runner {
   // -EIO when it crashed; -EPROTO when it gave no reply; -EMSGSIZE; -EAGAIN when no process can be had.
   int run(const std::string &name, const std::string &argument, Deadline deadline, std::string *reply);
 
+  // The same in two steps. begin() does not wait: it is false when the command would have to wait, or is none. When
+  // something has come at the command's socket, or its deadline has passed, finish() is to be called; it may wait for
+  // the rest of a long answer.
+  bool begin(const std::string &name, const std::string &argument, Running *running);
+  int finish(const Running &running, Deadline deadline, std::string *reply);
+
   // Starts the host when it does not run. Answers 0 or -errno.
   int start();
 
   // Has processes forked that wait for the commands to come, so that the next command need not wait for its fork. To be
-  // called when nobody waits for it: after a command has been answered.
+  // called when nobody waits for it; without need when there are enough, or no command has come for a while.
   void prepare();
+  enum class Need { none, some, urgent };
+  Need need_of_processes();
 
   // Ends the processes in waiting when no command has come for a while; to be called now and then.
   void rest();
@@ -53,14 +79,19 @@ class Handler_Runner {
   };
 
   int spawn_host(int orders_fd);
-  int fork_process(Process *process);  // to be called with the lock
+  // To be called with the lock.
+  int fork_process(Handler_Order_Kind kind, Process *process);
+  bool take_waiting_process(Process *process);
+  void hurry_host();
+  bool is_resting() const { return Clock::now() - last_command_ > kIdleLife; }
+
   int take_process(Process *process);
   void send_end(uint64_t id);
-  int converse(const Descriptor &socket, const Message &request, Deadline deadline, std::string *reply);
+  int conclude(const Running &running, int result);
 
   const std::string program_;
   const std::vector<std::string> libraries_;
-  std::counting_semaphore<kHandlersAtOnce> free_handlers_{kHandlersAtOnce};
+  std::counting_semaphore<> free_handlers_{kHandlersAtOnce};
   std::mutex mutex_;
   uint64_t next_id_ = 1;
   std::vector<Process> in_waiting_;

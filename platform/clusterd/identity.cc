@@ -6,15 +6,12 @@
 #include <cerrno>
 
 #include "platform/clusterd/log.h"
+#include "platform/clusterd/member_paths.h"
 #include "tarncluster_util.h"
 
 namespace tarn::platform {
 
 namespace {
-
-constexpr char kMasterFlag[] = "/var/zopel/tarn_cluster_m.enable";
-constexpr char kSlaveFlag[] = "/var/zopel/tarn_cluster_s.enable";
-constexpr char kIdentityFile[] = "/mnt/tarncluster/config/tarn_cluster_s.conf";
 
 bool exists(const char *path) {
   struct stat status;
@@ -34,15 +31,15 @@ bool is_slave_id(std::string_view id) {
 int load_identity(Identity *identity) {
   identity->is_master = exists(kMasterFlag);
   identity->is_slave = exists(kSlaveFlag);
-  if (!identity->is_master && !identity->is_slave) {
-    log_line("no member of a cluster: neither %s nor %s exists", kMasterFlag, kSlaveFlag);
-    return -ENOENT;
-  }
+  if (!identity->is_master && !identity->is_slave) return -ENOENT;
   if (!identity->is_slave) return 0;
 
   char id[9];
   int size = sizeof(id);
-  const int result = Get_Conf_File_String_Value(kIdentityFile, "global", "MSKey", id, &size);
+  int result = Get_Conf_File_String_Value(kIdentityFile, "global", "MSKey", id, &size);
+  // The working copy may be lost with the volume it is on.
+  if (result == -ENOENT)
+    result = Get_Conf_File_String_Value(kKeptIdentityFile, "global", "MSKey", id, &(size = sizeof(id)));
   if (result != 0) {
     log_line("cannot read the slave's id (MSKey of section global) from %s (%d)", kIdentityFile, result);
     return result < 0 ? result : -EINVAL;

@@ -16,6 +16,9 @@ struct Identity {
 
   // The name under which the member speaks on the bus, which is that of its certificate.
   std::string bus_name() const { return is_master ? kMasterId : slave_id; }
+
+  // The name of its own record, and of what it holds under its own id.
+  std::string own_name() const { return slave_id.empty() ? kMasterId : slave_id; }
 };
 
 // A slave's id is 1 to 8 letters and digits: nothing that means something in a subject of the bus or in a path.

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -66,6 +67,10 @@ void stop_waiting() {
 
 bool is_stopping() {
   return stopping;
+}
+
+int stop_fd() {
+  return stop_event();
 }
 
 int wait_ready(int fd, short events, Deadline deadline) {
@@ -183,6 +188,23 @@ int receive_message(int fd, Message *message, Deadline deadline) {
   message->more.resize(header.more_length);
   result = receive_exactly(fd, message->text.data(), message->text.size(), deadline);
   return result != 0 ? result : receive_exactly(fd, message->more.data(), message->more.size(), deadline);
+}
+
+Arrival arrival_at(int fd) {
+  Wire_Header header;
+  const ssize_t received = recv(fd, &header, sizeof(header), MSG_PEEK | MSG_DONTWAIT);
+  if (received < 0 && (errno == EAGAIN || errno == EINTR)) return Arrival::nothing;
+  if (received <= 0) return Arrival::whole;
+  if (received < static_cast<ssize_t>(sizeof(header))) return Arrival::part;
+  if (!is_well_formed(header)) return Arrival::whole;
+  int there = 0;
+  if (ioctl(fd, FIONREAD, &there) != 0) return Arrival::part;
+  const size_t length = sizeof(header) + header.text_length + header.more_length;
+  return static_cast<size_t>(there) >= length ? Arrival::whole : Arrival::part;
+}
+
+bool is_sent_at_once(const Message &message) {
+  return sizeof(Wire_Header) + message.text.size() + message.more.size() <= kSentAtOnce;
 }
 
 }  // namespace tarn::platform

@@ -46,6 +46,7 @@ int remaining_ms(Deadline deadline);
 // Makes every wait of this file in this process end with -ESHUTDOWN, from now on.
 void stop_waiting();
 bool is_stopping();
+int stop_fd();  // readable from then on
 
 // Each answers 0 or: -ETIME; -ESHUTDOWN; -ECONNRESET when the other side is gone; -errno.
 int wait_ready(int fd, short events, Deadline deadline);
@@ -78,6 +79,15 @@ bool decode(std::string_view bytes, Message *message);
 // Over a stream socket. A malformed message is -EBADMSG.
 int send_message(int fd, const Message &message, Deadline deadline);
 int receive_message(int fd, Message *message, Deadline deadline);
+
+// What receive_message() would find: nothing yet; a part, so that it might wait; or what it answers at once (a message,
+// a malformed one, the end).
+enum class Arrival { nothing, part, whole };
+Arrival arrival_at(int fd);
+
+// So long a message fits into the buffer of a socket at which nothing waits yet: sending it does not wait.
+constexpr size_t kSentAtOnce = size_t{64} * 1024;
+bool is_sent_at_once(const Message &message);
 
 }  // namespace tarn::platform
 

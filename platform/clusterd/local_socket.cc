@@ -30,6 +30,13 @@ bool is_served(const sockaddr_un &address) {
   return result == 0 || errno == EAGAIN;
 }
 
+void send_answer(int fd, Message &&answer) {
+  answer.kind = Wire_Kind::reply;
+  if (!fits(answer)) answer = reply_of(-EMSGSIZE);
+  const int sent = send_message(fd, answer, deadline_after(kHandOverMs));
+  if (sent != 0 && sent != -ECONNRESET) log_line("an answer could not be handed over (%d)", sent);
+}
+
 }  // namespace
 
 int Local_Socket::start() {
@@ -51,7 +58,7 @@ int Local_Socket::start() {
   if (result != 0) return result;
   if (listen(fd.get(), SOMAXCONN) != 0) return -errno;
   fd_ = std::move(fd);
-  return 0;
+  return loop_->watch(fd_.get(), [this] { accept_programs(); });
 }
 
 void Local_Socket::accept_programs() {
@@ -63,31 +70,75 @@ void Local_Socket::accept_programs() {
       if (errno != EAGAIN) usleep(10000);
       return;
     }
-    const auto program = std::make_shared<Descriptor>(fd);
+    const auto program = std::make_shared<Program>(Program{Descriptor(fd), deadline_after(kHandOverMs), {}});
     if (!is_own_user(fd)) {
       send_message(fd, reply_of(-EACCES), deadline_after(1));
-    } else if (!threads_.submit([this, program] { serve(program->get()); })) {
+    } else if (silent_.size() >= kRequestsWaiting ||
+               loop_->watch(fd, [this, program] { take_request(program); }) != 0) {
       send_message(fd, reply_of(-EBUSY), deadline_after(1));
+    } else {
+      silent_[fd] = program;
     }
   }
 }
 
-void Local_Socket::serve(int fd) {
-  Message request;
-  const int result = receive_message(fd, &request, deadline_after(kHandOverMs));
-  if (result == -ECONNRESET) return;
-  Message answer = reply_of(result == -EBADMSG ? -EINVAL : result);
-  if (result == 0) answer = receiver_(request, fd);
-  if (answer.value == -ECANCELED) return;
-  answer.kind = Wire_Kind::reply;
-  if (!fits(answer)) answer = reply_of(-EMSGSIZE);
-  const int sent = send_message(fd, answer, deadline_after(kHandOverMs));
-  if (sent != 0 && sent != -ECONNRESET) log_line("an answer could not be handed over (%d)", sent);
+// The usual request is there as a whole. What comes piece by piece is left to a thread.
+void Local_Socket::take_request(const Shared_Program &program) {
+  const int fd = program->socket.get();
+  const Arrival arrival = arrival_at(fd);
+  if (arrival == Arrival::nothing) return;
+  loop_->forget(fd);
+  silent_.erase(fd);
+  if (arrival == Arrival::whole) {
+    if (!read_request(program)) return;
+    if (first_(*program->request, [this, program](Message &&answer) { hand_over(program, std::move(answer)); })) return;
+  }
+  submit(program, [this, program] { serve(program); });
+}
+
+// False when the program has its answer already, or is gone.
+bool Local_Socket::read_request(const Shared_Program &program) {
+  const int fd = program->socket.get();
+  const int result = receive_message(fd, &program->request.emplace(), program->deadline);
+  if (result != 0 && result != -ECONNRESET) send_answer(fd, reply_of(result == -EBADMSG ? -EINVAL : result));
+  return result == 0;
+}
+
+void Local_Socket::drop_silent_programs() {
+  for (auto entry = silent_.begin(); entry != silent_.end();) {
+    const Shared_Program program = entry->second;
+    const bool is_late = remaining_ms(program->deadline) == 0;
+    if (!is_late && !is_stopping()) {
+      ++entry;
+      continue;
+    }
+    loop_->forget(entry->first);
+    entry = silent_.erase(entry);
+    hand_over(program, reply_of(is_late ? -ETIME : -ESHUTDOWN));
+  }
+}
+
+void Local_Socket::submit(const Shared_Program &program, Worker_Pool::Task task) {
+  if (!threads_.submit(std::move(task))) send_message(program->socket.get(), reply_of(-EBUSY), deadline_after(1));
+}
+
+void Local_Socket::serve(const Shared_Program &program) {
+  if (!program->request && !read_request(program)) return;
+  Message answer = receiver_(*program->request, program->socket.get());
+  if (answer.value != -ECANCELED) send_answer(program->socket.get(), std::move(answer));
+}
+
+// A long answer is left to a thread: the program takes it as fast as it can.
+void Local_Socket::hand_over(const Shared_Program &program, Message &&answer) {
+  if (is_sent_at_once(answer)) return send_answer(program->socket.get(), std::move(answer));
+  const auto shared = std::make_shared<Message>(std::move(answer));
+  submit(program, [program, shared] { send_answer(program->socket.get(), std::move(*shared)); });
 }
 
 void Local_Socket::stop() {
   if (fd_) unlink(path_.c_str());
   fd_.reset();
+  drop_silent_programs();
   threads_.stop();
 }
 

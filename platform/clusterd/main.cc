@@ -1,7 +1,6 @@
 // tarnclusterd: a member's cluster service. It serves the commands of the member's programs at a local socket, carries
 // them to the other members over the message bus, and carries out theirs.
 #include <getopt.h>
-#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -13,21 +12,37 @@
 #include <string>
 #include <vector>
 
+#include "platform/clusterd/appliance_certificate.h"
 #include "platform/clusterd/bus.h"
 #include "platform/clusterd/command_router.h"
+#include "platform/clusterd/durable_files.h"
+#include "platform/clusterd/enrolment.h"
+#include "platform/clusterd/event_loop.h"
 #include "platform/clusterd/file_transfer.h"
 #include "platform/clusterd/handler_runner.h"
 #include "platform/clusterd/identity.h"
 #include "platform/clusterd/local_socket.h"
 #include "platform/clusterd/log.h"
-#include "platform/clusterd/worker_pool.h"
+#include "platform/clusterd/master_membership.h"
+#include "platform/clusterd/member_paths.h"
+#include "platform/clusterd/member_requests.h"
+#include "platform/clusterd/restart.h"
+#include "platform/clusterd/run_lock.h"
+#include "platform/clusterd/slave_membership.h"
+#include "platform/clusterd/tls_listener.h"
+#include "platform/clusterd/unjoined_service.h"
 
 namespace tarn::platform {
 namespace {
 
 constexpr int kReviveEveryMs = 1000;
-constexpr int kMemberRequestsAtOnce = 128;
-constexpr int kMemberRequestsWaiting = 4096;
+
+// The other member's program has its answer by then, most likely; until then the processor has better things to do than
+// to fork processes for the commands to come.
+constexpr std::chrono::microseconds kRefillAfter{300};
+constexpr std::chrono::microseconds kRefillAfterAtWork{5000};  // while a command is being carried out
+
+constexpr size_t kLongestPem = 65536;
 
 struct Options {
   std::string socket_path = kSocketPath;
@@ -35,19 +50,25 @@ struct Options {
   std::string handler_program;
   std::vector<std::string> libraries;
   Bus_Files bus;
+  Membership_Options membership;
 };
 
 void print_usage() {
   printf(
       "usage: tarnclusterd [OPTIONS]\n"
-      "Runs the cluster service of this member in the foreground; SIGTERM ends it.\n\n"
+      "Runs the cluster service of this appliance in the foreground; SIGTERM ends it. SIGHUP has it look where the "
+      "bus\n"
+      "is now. In no cluster yet, it waits for a master that adds it.\n\n"
       "  --socket PATH           where programs give their commands (%s)\n"
       "  --bus-folder FOLDER     bus.conf, ca.crt, member.crt, member.key (%s)\n"
       "  --partial-folder FOLDER links to the files that are being received (%s)\n"
       "  --handlers LIBRARY      where command handlers are looked up; may be given several times\n"
       "                          (libtarncluster_util.so.1)\n"
-      "  --handler-host PROGRAM  the program that loads them (tarncluster-handler beside this one)\n",
-      kSocketPath, Bus_Files().folder.c_str(), Options().partial_folder.c_str());
+      "  --handler-host PROGRAM  the program that loads them (tarncluster-handler beside this one)\n"
+      "  --listener-port PORT    where appliances reach one another by TLS outside the bus (%d)\n"
+      "  --authority FOLDER      where the master keeps the cluster's authority (%s)\n"
+      "  --setup PROGRAM         the program that keeps it (tarncluster-setup beside this one)\n",
+      kSocketPath, Bus_Files().folder.c_str(), Options().partial_folder.c_str(), kListenerPort, kAuthorityFolder);
 }
 
 std::string own_folder() {
@@ -57,6 +78,20 @@ std::string own_folder() {
   return program.substr(0, program.rfind('/'));
 }
 
+void complete(Options *options) {
+  const std::string programs = own_folder();
+  if (options->libraries.empty()) options->libraries = {"libtarncluster_util.so.1"};
+  if (options->handler_program.empty()) options->handler_program = programs + "/tarncluster-handler";
+  const std::string run_folder = options->socket_path.substr(0, options->socket_path.rfind('/'));
+  options->bus.connected_mark = run_folder + "/connected";
+  Membership_Options &membership = options->membership;
+  membership.certificate = kApplianceCertificate;
+  membership.bus_folder = options->bus.folder;
+  membership.run_folder = run_folder;
+  if (membership.authority_folder.empty()) membership.authority_folder = kAuthorityFolder;
+  if (membership.setup_program.empty()) membership.setup_program = programs + "/tarncluster-setup";
+}
+
 // -1: go on; else the exit status.
 int read_options(int count, char **arguments, Options *options) {
   static const option names[] = {{"socket", required_argument, nullptr, 's'},
@@ -64,6 +99,9 @@ int read_options(int count, char **arguments, Options *options) {
                                  {"partial-folder", required_argument, nullptr, 'p'},
                                  {"handlers", required_argument, nullptr, 'l'},
                                  {"handler-host", required_argument, nullptr, 'h'},
+                                 {"listener-port", required_argument, nullptr, 'o'},
+                                 {"authority", required_argument, nullptr, 'a'},
+                                 {"setup", required_argument, nullptr, 'u'},
                                  {"help", no_argument, nullptr, '?'},
                                  {}};
   int name;
@@ -84,113 +122,183 @@ int read_options(int count, char **arguments, Options *options) {
       case 'h':
         options->handler_program = optarg;
         break;
+      case 'o':
+        options->membership.listener_port = atoi(optarg);
+        break;
+      case 'a':
+        options->membership.authority_folder = optarg;
+        break;
+      case 'u':
+        options->membership.setup_program = optarg;
+        break;
       default:
         print_usage();
         return optopt == 0 ? 0 : 2;
     }
   }
-  if (options->libraries.empty()) options->libraries = {"libtarncluster_util.so.1"};
-  if (options->handler_program.empty()) options->handler_program = own_folder() + "/tarncluster-handler";
-  options->bus.connected_mark = options->socket_path.substr(0, options->socket_path.rfind('/')) + "/connected";
+  complete(options);
   return optind == count ? -1 : 2;
 }
 
 Descriptor watch_signals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD, kRestartSignal}) sigaddset(&signals, signal);
   sigprocmask(SIG_BLOCK, &signals, nullptr);  // before the first thread, so that every one inherits it
   for (const int signal_number : {SIGPIPE, SIGXFSZ}) signal(signal_number, SIG_IGN);  // errno tells it as well
   return Descriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// True when one of the signals asks the service to end.
-bool take_signals(int fd, Handler_Runner *handlers) {
-  signalfd_siginfo signal;
-  bool is_end = false;
-  while (read(fd, &signal, sizeof(signal)) == sizeof(signal)) {
-    if (signal.ssi_signo == SIGCHLD) {
-      handlers->reap();
-    } else {
-      is_end = true;
-    }
-  }
-  return is_end;
+// What peers outside the bus see of a member: the master shows the certificate by which slaves know it.
+int prepare_listener_certificate(const Identity &identity, const Membership_Options &options, std::string *path) {
+  *path = options.certificate;
+  if (!identity.is_master) return 0;
+  std::string certificate;
+  std::string key;
+  int result = read_text(options.bus_folder + "/member.crt", kLongestPem, &certificate);
+  if (result == 0) result = read_text(options.bus_folder + "/member.key", kLongestPem, &key);
+  *path = options.run_folder + "/member.pem";
+  return result == 0 ? write_durably(*path, certificate + key, 0600) : result;
+}
+
+std::unique_ptr<Membership> make_membership(const Identity &identity, Bus *bus, Deadline_Watch *watch,
+                                            const Membership_Options &options) {
+  if (identity.is_master) return std::make_unique<Master_Membership>(identity, bus, watch, options);
+  return std::make_unique<Slave_Membership>(identity, bus, watch, options);
 }
 
 // All parts of the service, in the order in which they are made.
 class Service {
  public:
-  Service(const Identity &identity, const Options &options)
+  Service(const Identity &identity, const Options &options, const std::string &listener_certificate)
       : partial_files_(options.partial_folder),
-        bus_(identity, options.bus,
-             [this](const std::string &sender, const Nats_Message &request) { take_member_request(sender, request); }),
+        bus_(
+            identity, options.bus,
+            [this](const std::string &sender, const Nats_Message &request) { member_requests_.take(sender, request); }),
         handlers_(options.handler_program, options.libraries),
         files_(&bus_, partial_files_),
         sessions_(&bus_, partial_files_),
-        router_(identity, &bus_, &handlers_, &files_, &sessions_),
-        socket_(options.socket_path,
-                [this](const Message &request, int caller_fd) { return router_.handle_program(request, caller_fd); }) {}
+        membership_(make_membership(identity, &bus_, &watch_, options.membership)),
+        listener_(
+            options.membership.listener_port, listener_certificate, &watch_,
+            [this](Tls_Peer &peer, const Message &request) { peer.send(membership_->answer_visitor(peer, request)); }),
+        router_(identity, &bus_, &handlers_, &files_, &sessions_, membership_.get()),
+        member_requests_(&loop_, &bus_, &router_, &handlers_),
+        socket_(
+            options.socket_path, &loop_,
+            [this](const Message &request, const Local_Socket::Answer_Receiver &answer) {
+              return router_.begin_program(request, answer);
+            },
+            [this](const Message &request, int caller_fd) { return router_.handle_program(request, caller_fd); }) {}
 
-  int start();
-  void run(int signals_fd);
+  int start(int signals_fd);
+  void run();
   void stop();
 
  private:
-  void take_member_request(const std::string &sender, const Nats_Message &request);
+  Deadline next_deadline();
+  void look_around();
+  void take_signals(int fd);
+  void start_listener();
+  void refill(bool is_idle);
 
+  Event_Loop loop_;
   Partial_Files partial_files_;
   Bus bus_;
   Handler_Runner handlers_;
   File_Transfer files_;
   Transfer_Sessions sessions_;
+  Deadline_Watch watch_;
+  std::unique_ptr<Membership> membership_;
+  Tls_Listener listener_;
   Command_Router router_;
+  Member_Requests member_requests_;
   Local_Socket socket_;
-  Worker_Pool member_requests_{kMemberRequestsAtOnce, kMemberRequestsWaiting};
+  Deadline next_look_around_;
+  int listener_trouble_ = 0;
+  bool is_to_end_ = false;
 };
 
 // The socket comes first: it tells whether another service runs here, whose files must be left alone.
-int Service::start() {
-  int result = socket_.start();
+int Service::start(int signals_fd) {
+  int result = loop_.start();
+  if (result == 0) result = socket_.start();
   if (result == -EADDRINUSE) log_line("another cluster service runs here");
   if (result == 0) result = partial_files_.clean_up();
   if (result == 0) result = handlers_.start();
   if (result == 0) result = bus_.start();
+  if (result == 0) result = loop_.watch(bus_.fd(), [this] { bus_.process(); });
+  if (result == 0) {
+    result = loop_.watch(signals_fd, [this, signals_fd] { take_signals(signals_fd); });
+  }
+  if (result == 0) result = membership_->start();
+  if (result == 0) start_listener();
   if (result != 0) log_line("cannot start (%d)", result);
   return result;
 }
 
-void Service::run(int signals_fd) {
+void Service::run() {
   log_line("ready");
-  for (;;) {
-    pollfd entries[] = {{signals_fd, POLLIN, 0}, {socket_.fd(), POLLIN, 0}};
-    const int ready = poll(entries, 2, kReviveEveryMs);
-    if (ready < 0 && errno != EINTR) break;
-    if (ready <= 0) {
-      bus_.revive();
-      handlers_.rest();
-      continue;
-    }
-    if (entries[0].revents != 0 && take_signals(signals_fd, &handlers_)) break;
-    if (entries[1].revents != 0) socket_.accept_programs();
+  while (!is_to_end_) {
+    const int events = loop_.wait(next_deadline());
+    if (events < 0) break;
+    bus_.end_late_questions();
+    member_requests_.end_late_commands();
+    if (events == 0) bus_.free_messages();
+    refill(events == 0);
+    if (next_look_around_ <= Clock::now()) look_around();
   }
 }
 
-void Service::take_member_request(const std::string &sender, const Nats_Message &bytes) {
-  const auto task = [this, sender, bytes] {
-    Message request;
-    Message answer = reply_of(-EINVAL);
-    if (Bus::decode_message(bytes, &request)) answer = router_.handle_member(sender, request);
-    bus_.answer(bytes, fits(answer) ? answer : reply_of(-EMSGSIZE));
-    handlers_.prepare();
-  };
-  if (!member_requests_.submit(task)) bus_.answer(bytes, reply_of(-EBUSY));
+void Service::take_signals(int fd) {
+  signalfd_siginfo signal;
+  while (read(fd, &signal, sizeof(signal)) == sizeof(signal)) {
+    if (signal.ssi_signo == SIGCHLD) {
+      handlers_.reap();
+    } else if (signal.ssi_signo == SIGHUP) {
+      bus_.follow_address();
+    } else if (signal.ssi_signo == kRestartSignal) {
+      is_to_end_ = is_to_end_ || is_restart_requested();
+    } else {
+      cancel_restart();
+      is_to_end_ = true;
+    }
+  }
+}
+
+// A member goes on without it: the port may be free a little later.
+void Service::start_listener() {
+  const int result = listener_.start();
+  if (result != 0 && result != listener_trouble_) log_line("cannot listen for other appliances (%d)", result);
+  listener_trouble_ = result;
+}
+
+Deadline Service::next_deadline() {
+  const Deadline next = std::min({next_look_around_, bus_.next_deadline(), member_requests_.next_deadline()});
+  if (handlers_.need_of_processes() == Handler_Runner::Need::none) return next;
+  return std::min(next, Clock::now() + (member_requests_.is_idle() ? kRefillAfter : kRefillAfterAtWork));
+}
+
+void Service::refill(bool is_idle) {
+  const Handler_Runner::Need need = handlers_.need_of_processes();
+  if (need == Handler_Runner::Need::urgent || (need == Handler_Runner::Need::some && is_idle)) handlers_.prepare();
+}
+
+void Service::look_around() {
+  bus_.revive();
+  if (!listener_.is_started()) start_listener();
+  handlers_.rest();
+  socket_.drop_silent_programs();
+  next_look_around_ = Clock::now() + std::chrono::milliseconds(kReviveEveryMs);
 }
 
 // Every wait ends first; then the parts may be stopped in any order that leaves nobody a part that is gone.
 void Service::stop() {
   stop_waiting();
+  watch_.stop();
+  listener_.stop();
   bus_.stop();
+  membership_->stop();
   socket_.stop();
   member_requests_.stop();
   sessions_.stop();
@@ -200,11 +308,23 @@ void Service::stop() {
 
 int run_service(const Options &options) {
   const Descriptor signals = watch_signals();
+  Run_Lock lock;
+  int result = lock.take(options.membership.run_folder);
+  if (result == -EADDRINUSE) log_line("another cluster service runs here");
+  if (result == 0) result = ensure_appliance_certificate(options.membership.certificate);
+  if (result == 0) result = finish_interrupted_change(options.bus.folder);
   Identity identity;
-  if (load_identity(&identity) != 0) return 1;
-  Service service(identity, options);
-  const int result = service.start();
-  if (result == 0) service.run(signals.get());
+  if (result == 0) result = load_identity(&identity);
+  if (result == -ENOENT) return run_unjoined_service(options.membership, signals.get()) == 0 ? 0 : 1;
+  std::string certificate;
+  if (result == 0) result = prepare_listener_certificate(identity, options.membership, &certificate);
+  if (result != 0) {
+    log_line("cannot start (%d)", result);
+    return 1;
+  }
+  Service service(identity, options, certificate);
+  result = service.start(signals.get());
+  if (result == 0) service.run();
   service.stop();
   return result == 0 ? 0 : 1;
 }
@@ -218,7 +338,12 @@ int main(int count, char **arguments) {
   const int status = read_options(count, arguments, &options);
   if (status >= 0) return status;
   try {
-    return run_service(options);
+    const int result = run_service(options);
+    if (!is_restart_requested()) return result;
+    execv((own_folder() + "/" + program_invocation_short_name).c_str(), arguments);
+    execv("/proc/self/exe", arguments);
+    log_line("cannot start anew (%d)", -errno);
+    return 1;
   } catch (const std::exception &failure) {
     log_line("%s", failure.what());
     return 1;

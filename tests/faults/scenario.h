@@ -3,12 +3,15 @@
 
 #include <climits>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "foundation/owners.h"
 #include "include/tarncluster_util.h"
+#include "tests/faults/background_peer.h"
 #include "tests/faults/watched_calls.h"
 #include "tests/support/files.h"
 
@@ -29,10 +32,12 @@ struct World {
   std::string file;
   std::string base_name;  // of the file
   std::string new_path;   // in folders that are to be made
+  std::string socket_path;
 
   Sect_Node *sections = nullptr;
   Pair_Node *pairs = nullptr;
   Tarn_Serv_Conf *records = nullptr;
+  Tarn_Share_Conf *shares = nullptr;
   FILE *stream = nullptr;
   Simp_Log *log = nullptr;
   char *text = nullptr;
@@ -40,10 +45,25 @@ struct World {
   char buffer[256] = "";
   int size = 0;
   int64_t number = 0;
+  int socket = -1;
+  int listening[4] = {-1, -1, -1, -1};
+  ssl_ctx_st *context = nullptr;
+  Tls_Session session = {-1, nullptr, nullptr, nullptr};
+  Net_Interface *interfaces = nullptr;
+  int *pids = nullptr;
+  int pid_count = 0;
+  int pid = -1;
 
-  // Arguments: they are not shown.
+  // Arguments: they are not shown, but what arrives at the other ends is.
   Sect_Node *given_sections = nullptr;
   Tarn_Serv_Conf given_record = {};
+  Tarn_Share_Conf given_share = {};
+  std::string given_name;
+  Descriptor given_fd;
+  Descriptor far_end;  // of given_fd or of a plain session
+  Descriptor source_fd;
+  int port = 0;
+  std::unique_ptr<Background_Peer> peer;  // of a TLS session
 };
 
 // What becomes of the file when the call fails.
@@ -59,7 +79,9 @@ enum class Place { lock, file, temporary, other };
 
 Place place_of(const std::string &path, const World &world);
 
-inline constexpr int positive_errno = INT_MAX;  // as an Answer's status
+// In place of a status.
+inline constexpr int positive_errno = INT_MAX;
+inline constexpr int any_error = INT_MIN;  // below 0: another library has its say in it
 
 // What the function answers when a system call fails that is not answered with the negated errno.
 struct Answer {
@@ -70,20 +92,26 @@ struct Answer {
 
 struct Scenario {
   std::string function;
-  std::string situation = {};                  // tells apart several scenarios of a function
-  std::optional<std::string> before = {};      // the file's content; none: it is missing
-  std::optional<std::string> after = {};       // and when all went well
-  std::function<void(World &)> prepare = {};   // makes arguments; nothing fails meanwhile
-  std::function<int(World &)> call = {};       // nothing but the call: its allocations are counted
-  int success = 0;                             // what it answers when all went well
-  std::string result = {};                     // and what it then hands out
-  bool may_be_cut = false;                     // a failure may leave a part of what is handed out
-  std::vector<int> out_of_memory = {-ENOMEM};  // what it answers when an allocation fails
-  std::vector<Answer> answers = {};            // what it answers when a system call fails
-  bool silent = false;                         // answers success although it failed
+  std::string situation = {};                 // tells apart several scenarios of a function
+  std::optional<std::string> before = {};     // the file's content; none: it is missing
+  std::optional<std::string> after = {};      // and when all went well
+  std::function<void(World &)> prepare = {};  // makes arguments; nothing fails meanwhile
+  std::function<int(World &)> call = {};      // nothing but the call: its allocations are counted
+  std::function<int(World &)> first_part =
+      {};                   // its first thousands of allocations are this call's, which has an entry
+  int success = 0;          // what it answers when all went well
+  std::string result = {};  // and what it then hands out
+  bool may_be_cut = false;  // a failure may leave a part of what is handed out
+  std::vector<std::string> lesser_results = {};  // what it may hand out instead with success, for all that failed
+  std::vector<int> out_of_memory = {-ENOMEM};    // what it answers when an allocation fails
+  std::vector<Answer> answers = {};              // what it answers when a system call fails
+  std::optional<int> answer = {};                // and to all that are not among those
+  std::optional<int> half = {};                  // and to half of a transfer, with what moved
+  bool silent = false;                           // answers success although it failed
   Promise promise = Promise::whole;
   bool keeps_lock = false;                  // holds the file's lock after success
   bool stale_lock_may_stay = false;         // the one that prepare made
+  std::optional<Call> leaves_open = {};     // this call's failure leaves a descriptor open, as callers know it
   std::vector<std::string> also_made = {};  // names in the folder that may stay
   std::string parses = {};                  // the JSON text that it parses first
   std::optional<int> without_lock = {};     // takes the lock, and answers this without it

@@ -22,21 +22,38 @@ enum class Call {
   chmod,
   mkdir,
   stat,   // and fstat, lstat
-  fcntl,  // what fdopen asks
+  fcntl,  // what fdopen asks, among others
+  readlink,
+  set_time,
+  pipe,
+  splice,
+  sendfile,
+  poll,    // and select
+  socket,  // and socketpair
+  bind,
+  listen,
+  connect,
+  set_option,
+  send,
+  receive,
+  ioctl,
 };
 
-inline constexpr Call all_calls[] = {Call::open,   Call::read, Call::write, Call::sync,  Call::close, Call::rename,
-                                     Call::unlink, Call::link, Call::chmod, Call::mkdir, Call::stat,  Call::fcntl};
+inline constexpr Call all_calls[] = {
+    Call::open,    Call::read,       Call::write,    Call::sync,    Call::close,  Call::rename,   Call::unlink,
+    Call::link,    Call::chmod,      Call::mkdir,    Call::stat,    Call::fcntl,  Call::readlink, Call::set_time,
+    Call::pipe,    Call::splice,     Call::sendfile, Call::poll,    Call::socket, Call::bind,     Call::listen,
+    Call::connect, Call::set_option, Call::send,     Call::receive, Call::ioctl};
 
 const char *name_of(Call call);
 std::ostream &operator<<(std::ostream &out, Call call);
 
 struct Seen_Call {
   Call call;
-  std::string path;  // what it works on, also where it was given a descriptor; a rename's old name
+  std::string path;  // what it works on, also where it was given a descriptor; a rename's old name; may be empty
 };
 
-inline constexpr int short_transfer = 0;  // in place of an errno: half of the bytes are read or written
+inline constexpr int short_transfer = 0;  // in place of an errno: half of the bytes are moved
 
 struct Failing_Call {
   Call call;

@@ -165,13 +165,16 @@ TEST_F(Commands, master_of_another_id_is_not_reached) {
   EXPECT_EQ(members->slave.slave_command(command, "{}").code, -EHOSTUNREACH);
 }
 
-TEST_F(Commands, membership_commands_are_not_served_yet) {
+TEST_F(Commands, slaves_are_added_and_removed_only_where_the_authority_is) {
   for (const int op_code : {2, 3}) {
     const std::string command = R"({"slave_id": "S1", "op_code": )" + std::to_string(op_code) + "}";
     const auto control = [&](char **reply) { return Cluster_Master_Ctrl_Cmd(command.c_str(), "{}", reply); };
-    EXPECT_EQ(members->master.call(control).code, -ENOSYS) << op_code;
+    EXPECT_EQ(members->master.call(control).code, -ENOKEY) << op_code;
   }
-  EXPECT_EQ(members->slave.slave_command(R"({"op_code": 4, "master_id": "0"})", "{}").code, -ENOSYS);
+}
+
+TEST_F(Commands, address_of_a_slave_without_a_record_is_not_taken) {
+  EXPECT_EQ(members->slave.slave_command(R"({"op_code": 4, "master_id": "0"})", "{}").code, -ENOANO);
 }
 
 TEST_F(Commands, unknown_operation) {

@@ -113,8 +113,26 @@ Cluster::Cluster(const std::vector<std::string> &slaves) : store_(folder_ / "sto
   for (const std::string &id : slaves) check(run_cluster_script("add " + store_ + " " + id) == 0, "cluster add");
 }
 
+// Members are on one network here, where each needs a port of its own.
+int next_listener_port() {
+  static int port = 62695;
+  return port++;
+}
+
+Member::Member(const std::string &name, const std::function<bool()> &setup)
+    : id_(name),
+      log_path_("/tmp/" + name + "." + std::to_string(getpid()) + ".log"),
+      listener_port_(next_listener_port()) {
+  make(setup);
+}
+
 Member::Member(const Cluster &cluster, const std::string &id, const std::string &more)
-    : id_(id), log_path_("/tmp/" + id + "." + std::to_string(getpid()) + ".log") {
+    : Member(id, [&] {
+        return run_cluster_script("provision " + cluster.store() + " " + id + " / --tools " TARN_BIN_DIR " " + more) ==
+               0;
+      }) {}
+
+void Member::make(const std::function<bool()> &setup) {
   unlink(log_path_.c_str());
   int ready[2];
   check(pipe2(ready, O_CLOEXEC) == 0, "pipe");
@@ -125,8 +143,7 @@ Member::Member(const Cluster &cluster, const std::string &id, const std::string 
       if (!is_built || mount("tarn-test", folder, "tmpfs", 0, "mode=755") != 0) _exit(1);
     }
     mkdir("/run/lock", 01777);
-    if (run_cluster_script("provision " + cluster.store() + " " + id + " / --tools " TARN_BIN_DIR " " + more) != 0)
-      _exit(1);
+    if (!setup()) _exit(1);
     [[maybe_unused]] const ssize_t written = write(ready[1], "r", 1);
     pause();
   }
@@ -134,9 +151,9 @@ Member::Member(const Cluster &cluster, const std::string &id, const std::string 
   char byte = 0;
   const bool is_ready = read(ready[0], &byte, 1) == 1;
   close(ready[0]);
-  check(is_ready, "provision " + id);
+  check(is_ready, "setup of " + id_);
   namespace_fd_ = open(("/proc/" + std::to_string(builder.pid()) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC);
-  check(namespace_fd_ >= 0, "namespace of " + id);
+  check(namespace_fd_ >= 0, "namespace of " + id_);
 }
 
 Member::~Member() {
@@ -208,7 +225,7 @@ void Member::start() {
   service_ = start_on_member([&] {
     send_output_to(log_path_);
     execl(TARN_BIN_DIR "/tarnclusterd", "tarnclusterd", "--handlers", "libtarncluster_util.so.1", "--handlers",
-          TARN_TEST_HANDLERS, nullptr);
+          TARN_TEST_HANDLERS, "--listener-port", std::to_string(listener_port_).c_str(), nullptr);
     _exit(127);
   });
   check(comes_true([&] { return log().find("tarnclusterd: ready") != std::string::npos; }), "tarnclusterd of " + id_);

@@ -58,6 +58,10 @@ int run_cluster_script(const std::string &words);
 
 class Member {
  public:
+  // An appliance in no cluster, on which the setup has been done.
+  explicit Member(
+      const std::string &name, const std::function<bool()> &setup = [] { return true; });
+
   // Provisions a member of the cluster; more goes to "scripts/cluster provision".
   Member(const Cluster &cluster, const std::string &id, const std::string &more = "");
   ~Member();
@@ -71,7 +75,8 @@ class Member {
   Process &bus() { return bus_; }
   Process &service() { return service_; }
   const Process &service() const { return service_; }
-  std::string log() const;                            // of the service
+  std::string log() const;  // of the service
+  int listener_port() const { return listener_port_; }
   std::string path(const std::string &inside) const;  // where this process sees a file of the member's
 
   // Runs the body in a process of its own on this member, and answers what it answers.
@@ -89,8 +94,11 @@ class Member {
   Outcome slave_command(const std::string &command, const std::string &argument, int timeout_ms = 60000) const;
 
  private:
+  void make(const std::function<bool()> &setup);
+
   const std::string id_;
   const std::string log_path_;
+  const int listener_port_;
   int namespace_fd_ = -1;
   Process bus_;
   Process service_;

@@ -90,6 +90,22 @@ TEST_F(Provisioning, members_come_and_go) {
   EXPECT_EQ(output_of(members), "0\nQN2a1b3c\nS1\n");
 }
 
+TEST_F(Provisioning, permit_writes_the_bus_server_s_configuration_and_nothing_else) {
+  ASSERT_EQ(run("provision " + store + " 0 " + root.path() + " --slave-id QN1local"), 0);
+  ASSERT_EQ(run("remove " + store + " S1"), 0);
+  const std::string before =
+      output_of("cd " + root.path() + " && find . -type f ! -name server.conf -exec sha256sum {} + | sort");
+  ASSERT_EQ(run("permit " + store + " " + root.path()), 0);
+  EXPECT_EQ(output_of("cd " + root.path() + " && find . -type f ! -name server.conf -exec sha256sum {} + | sort"),
+            before);
+  EXPECT_THAT(read_file(root / "etc/config/tarn_cluster/bus/server.conf"), Not(HasSubstr("\"S1\"")));
+}
+
+TEST_F(Provisioning, identity_is_kept_twice) {
+  ASSERT_EQ(run("provision " + store + " QN2a1b3c " + root.path()), 0);
+  EXPECT_EQ(read_file(root / "etc/config/tarn_cluster/tarn_cluster_s.conf"), "[global]\nMSKey = QN2a1b3c\n");
+}
+
 TEST_F(Provisioning, existing_cluster_is_not_made_anew) {
   const std::string key = read_file(store + "/ca.key");
   EXPECT_NE(run("create " + store + " --address 127.0.0.1"), 0);

@@ -17,6 +17,7 @@
 #include "tarncluster_util.h"
 #include "tests/platform/member.h"
 #include "tests/support/child_process.h"
+#include "tests/support/sockets.h"
 
 namespace tarn::test {
 namespace {
@@ -213,14 +214,6 @@ TEST_F(Service, second_one_on_a_member_is_refused) {
   EXPECT_EQ(echo().code, 0);
 }
 
-TEST_F(Service, without_a_role_does_not_start) {
-  const std::string answer = slave.on_member([] {
-    unlink("/var/zopel/tarn_cluster_s.enable");
-    return std::to_string(system(TARN_BIN_DIR "/tarnclusterd 2>/dev/null"));
-  });
-  EXPECT_EQ(answer, std::to_string(1 << 8));
-}
-
 TEST_F(Service, with_an_id_that_is_none_does_not_start) {
   for (const char *id : {"0", "123456789", "a.b", "*", ""}) {
     const std::string answer = slave.on_member([id] {
@@ -239,6 +232,29 @@ TEST_F(Service, that_starts_before_the_bus_connects_when_it_comes) {
   EXPECT_TRUE(master.comes_to_be_connected());
   EXPECT_TRUE(slave.comes_to_be_connected());
   EXPECT_EQ(echo().code, 0);
+}
+
+// Its first bytes, and then nothing more: the client waits for the TLS handshake.
+Descriptor accept_and_fall_silent(const Descriptor &listener) {
+  Descriptor peer = accept_one(listener);
+  send_text(peer, "INFO {\"server_id\":\"A\",\"version\":\"2.9.10\",\"proto\":1,\"tls_required\":true}\r\n");
+  return peer;
+}
+
+TEST_F(Service, serves_programs_while_the_bus_is_silent_and_gives_it_up) {
+  const Descriptor listener = listen_on_loopback(4222);
+  master.start();
+  const Descriptor first = accept_and_fall_silent(listener);
+  EXPECT_EQ(echo().code, -ENOTCONN);
+  EXPECT_TRUE(accept_one(listener)) << "the next attempt";
+}
+
+TEST_F(Service, ends_while_the_bus_is_silent) {
+  const Descriptor listener = listen_on_loopback(4222);
+  master.start();
+  const Descriptor peer = accept_and_fall_silent(listener);
+  master.service().signal(SIGTERM);
+  EXPECT_EQ(master.service().wait(), 0);
 }
 
 TEST_F(Service, reconnects_when_the_bus_was_killed) {

@@ -11,6 +11,7 @@
 
 #include "tarncluster_util.h"
 #include "tests/platform/member.h"
+#include "tests/support/child_process.h"
 
 namespace tarn::test {
 namespace {
@@ -114,6 +115,34 @@ TEST_F(Log_Tool, tells_when_it_cannot_write) {
   rmdir(kEventLog);
 }
 
+// ------------------------------------------------------------------------------------------------ the model's name
+
+std::string model_name(int size) {
+  std::string buffer(64, '#');
+  const int code = Get_Display_Model_Name(buffer.data(), size);
+  if (code != 0) return std::to_string(code);
+  EXPECT_EQ(buffer[static_cast<size_t>(size)], '#') << "written behind the end";
+  return buffer.c_str();
+}
+
+TEST(Model_Name, is_the_first_line_of_the_administrator_s_file) {
+  ASSERT_TRUE(on_a_throw_away_root());
+  write_file("/etc/tarncluster-model", "Tower 4\nsecond line\n");
+  EXPECT_EQ(model_name(60), "Tower 4");
+  EXPECT_EQ(model_name(5), "Towe");
+  EXPECT_EQ(model_name(1), "");
+  unlink("/etc/tarncluster-model");
+}
+
+TEST(Model_Name, is_never_empty_where_nobody_gave_one) {
+  EXPECT_NE(model_name(60), "");
+}
+
+TEST(Model_Name, needs_a_buffer) {
+  EXPECT_EQ(Get_Display_Model_Name(nullptr, 10), -EINVAL);
+  EXPECT_EQ(model_name(0), std::to_string(-EINVAL));
+}
+
 TEST(Platform_Libraries, export_their_functions_only_and_need_no_cxx_runtime) {
   const auto output_of = [](const std::string &command) {
     FILE *stream = popen(command.c_str(), "r");
@@ -127,7 +156,7 @@ TEST(Platform_Libraries, export_their_functions_only_and_need_no_cxx_runtime) {
   EXPECT_EQ(
       output_of(names + TARN_INTERFACE_LIBRARY),
       "Cluster_Master_Cmd\nCluster_Master_Cmd_Ex\nCluster_Master_Ctrl_Cmd\nCluster_Slave_Cmd\nCluster_Slave_Cmd_Ex\n");
-  EXPECT_EQ(output_of(names + TARN_SERVICES_LIBRARY), "pelk_exec\n");
+  EXPECT_EQ(output_of(names + TARN_SERVICES_LIBRARY), "Get_Display_Model_Name\npelk_exec\n");
   for (const char *library : {TARN_INTERFACE_LIBRARY, TARN_SERVICES_LIBRARY}) {
     const std::string entries = output_of(std::string("readelf -d ") + library);
     EXPECT_THAT(entries, testing::Not(testing::HasSubstr("libstdc++")));

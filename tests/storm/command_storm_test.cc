@@ -259,13 +259,14 @@ TEST_F(Command_Storm, service_of_the_slave_that_is_stopped_costs_time_outs_but_c
   Dice dice(7);
   for (int round = 0; round < scaled(1); ++round) {
     const Shared<Score> score;
-    std::vector<Process> callers = start_callers(2, {-ETIME}, &*score);
+    const int rounds = 5;  // enough to be under way still when the service is stopped
+    std::vector<Process> callers = start_callers(rounds, {-ETIME}, &*score);
     EXPECT_TRUE(comes_true([&] { return score->answered > 100; }));
     members->slave.service().signal(SIGSTOP);
     usleep(static_cast<useconds_t>(kTimeoutMs * 1000 + dice.below(2000000)));
     members->slave.service().signal(SIGCONT);
     join(&callers);
-    expect_fair_ends(*score, kProcesses * kCommandsOfEach * 2);
+    expect_fair_ends(*score, kProcesses * kCommandsOfEach * rounds);
     EXPECT_GT(score->failed, 0) << "the service was never missed";
     expect_normal_service();
   }

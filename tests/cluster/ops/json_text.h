@@ -42,4 +42,25 @@ void with_each_parse_allocation_failing(const std::string &text, Call call, Chec
   }
 }
 
+// Whether the JSON library neither crashes nor loses something of the text, and with it memory, when this allocation
+// fails.
+inline bool parses_whole_or_tells(const std::string &text, int nth) {
+  const Parsed parsed = parsed_with_failure(text, nth);
+  return parsed == Parsed::whole || parsed == Parsed::none;
+}
+
+// As with_each_parse_allocation_failing, passing over those failures as well.
+template <typename Call, typename Check>
+void with_each_whole_parse_allocation_failing(const std::string &text, Call call, Check check) {
+  for (int nth = 1;; ++nth) {
+    if (!parses_whole_or_tells(text, nth)) continue;
+    const auto result = [&] {
+      Allocation_Failure failure(nth);
+      return call();
+    }();
+    if (!allocation_failed()) return;
+    check(result, nth);
+  }
+}
+
 }  // namespace tarn::test

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarn::test {
@@ -40,10 +42,17 @@ class Platform_Doubles {
   void answer(int code, const char *reply = nullptr);
   // The answer to the next command that has none yet, before the one of answer().
   void answer_once(int code, const char *reply = nullptr);
+  // What commands to this slave are answered with, when answer_once() says nothing else.
+  void answer_for(const char *slave_id, int code, const char *reply = nullptr);
+  // Is run within each command, before it is answered: what holds while the library sends can be looked at there.
+  void during_commands(std::function<void()> look);
   void exit_with(int wait_status);  // what pelk_exec answers
+  // What Get_Display_Model_Name answers and fills in, as far as it fits; a terminator must be given with it.
+  void answer_model(int code, std::string_view bytes);
 
   std::vector<Platform_Call> calls() const;
   std::vector<Program_Run> runs() const;
+  std::vector<int> model_rooms() const;  // the sizes that Get_Display_Model_Name was called with
 };
 
 }  // namespace tarn::test

@@ -13,6 +13,7 @@
 
 #include "include/tarncluster_util.h"
 #include "tests/cluster/records/member_samples.h"
+#include "tests/cluster/records/record_files.h"
 #include "tests/support/allocation_failure.h"
 #include "tests/support/files.h"
 #include "tests/support/held_lock.h"
@@ -30,23 +31,9 @@ using testing::Not;
 
 constexpr char file_name[] = "members.conf";
 
-// Every test here ends with no lock, no descriptor and no temporary file left.
-class Member_Files : public testing::Test {
+class Member_Files : public Record_Files {
  protected:
-  Member_Files() : path_(folder_ / file_name), descriptors_(open_descriptors()) {}
-
-  ~Member_Files() override {
-    EXPECT_EQ(open_descriptors(), descriptors_);
-    EXPECT_FALSE(exists(owned_lock(file_name)));
-    for (const std::string &name : names_in(folder_.path())) EXPECT_THAT(name, Not(testing::HasSubstr(".tmp")));
-  }
-
-  std::string text() const { return read_file(path_); }
-
-  Temporary_Folder folder_;
-  std::string path_;
-  Log_Capture log_;
-  int descriptors_;
+  Member_Files() : Record_Files(file_name) {}
 };
 
 const char three_members[] =

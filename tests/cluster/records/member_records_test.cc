@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <sys/mman.h>
 
 #include <cerrno>
 #include <climits>
@@ -14,6 +13,7 @@
 
 #include "include/tarncluster_util.h"
 #include "tests/cluster/records/member_samples.h"
+#include "tests/cluster/records/record_at_page_end.h"
 #include "tests/support/allocation_failure.h"
 #include "tests/support/log_capture.h"
 
@@ -86,22 +86,6 @@ struct Reader {
 
 const Reader readers[] = {{"the list reader", listed, name_bit, 64}, {"the single reader", single, 0, 32}};
 
-// A record whose last byte is the last one of a page, with nothing readable behind it.
-class Record_At_Page_End {
- public:
-  Record_At_Page_End() {
-    void *pages = mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (pages == MAP_FAILED || mprotect(static_cast<char *>(pages) + 4096, 4096, PROT_NONE) != 0) abort();
-    pages_ = static_cast<char *>(pages);
-  }
-  ~Record_At_Page_End() { munmap(pages_, 8192); }
-  Record_At_Page_End(const Record_At_Page_End &) = delete;
-  Record_At_Page_End &operator=(const Record_At_Page_End &) = delete;
-  Tarn_Serv_Conf &get() { return *reinterpret_cast<Tarn_Serv_Conf *>(pages_ + 4096 - sizeof(Tarn_Serv_Conf)); }
-
- private:
-  char *pages_;
-};
 // ------------------------------------------------------------------------------------------------ release and preset
 
 TEST(Member_Record, Preset_Zeroes_The_Whole_Record) {
@@ -545,14 +529,16 @@ TEST(Member_List_From_Sections, Leaves_The_Sections_As_They_Are) {
 TEST(Member_List_From_Sections, When_Memory_Ends_The_Records_Made_So_Far_Are_The_Callers) {
   const Sections sections = parsed("[m1]\nID = 1\n[m2]\nID = 2\n[m3]\nID = 3\n");
   Log_Capture log;
+  Tarn_Serv_Conf elsewhere;
   Tarn_Serv_Conf *list = nullptr;
   const int allocations = with_each_allocation_failing(
       [&] {
-        list = nullptr;
+        list = &elsewhere;
         return Tarn_Cluster_All_Serv_From_Sect_Node(sections.get(), &list);
       },
       [&](int status, int nth) {
         SCOPED_TRACE(nth);
+        ASSERT_NE(list, &elsewhere);  // without a record there is none to release
         const Records made(list);
         EXPECT_EQ(status, -ENOMEM);
         EXPECT_THAT(names_of(list), SizeIs(nth - 1));
@@ -750,7 +736,6 @@ TEST(Member_To_Section, Writes_A_Firmware_Without_Terminator_With_The_Next_Field
                                               Pair("LastRestoreFile", "r.tar")));
 }
 
-// What is behind the record cannot be read here, so a step too far ends the test.
 class Member_At_Page_End : public testing::TestWithParam<const char *> {
  protected:
   // Fills the record from the field to its end, all bytes but so many with text.
@@ -764,7 +749,7 @@ class Member_At_Page_End : public testing::TestWithParam<const char *> {
 
   const Field &field_ = field_of(GetParam());
   const size_t room_ = sizeof(Tarn_Serv_Conf) - field_.offset;
-  Record_At_Page_End at_end_;
+  Record_At_Page_End<Tarn_Serv_Conf> at_end_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, Member_At_Page_End, testing::Values("Firmware", "LastRestoreFile"));

@@ -1,4 +1,4 @@
-// Member records and their sections, as tests need them.
+// Member records, as tests need them.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "include/tarncluster_util.h"
-#include "tests/support/log_capture.h"
+#include "tests/cluster/records/section_samples.h"
 
 namespace tarn::test {
 
@@ -44,24 +44,9 @@ Tarn_Serv_Conf full_record(const std::string &name, unsigned mask);  // all fiel
 // All bytes behind next, padding included: readers hand out records that are zero wherever nothing was read.
 std::string content(const Tarn_Serv_Conf &rec);
 
-struct Sections_Freed {
-  void operator()(Sect_Node *sections) const { Free_Sect_Node(sections); }
-};
-using Sections = std::unique_ptr<Sect_Node, Sections_Freed>;
-
 struct Records_Released {
   void operator()(Tarn_Serv_Conf *list) const { Release_Serv_List_Conf(list); }
 };
 using Records = std::unique_ptr<Tarn_Serv_Conf, Records_Released>;
-
-Sections parsed(std::string text);
-
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-Pairs pairs_of(const Sect_Node &section);
-std::vector<std::string> keys_of(const Sect_Node &section);
-std::vector<std::string> names_of(const Sect_Node *sections);
-std::vector<std::string> names_of(const Tarn_Serv_Conf *list);
-
-std::vector<Log_Line> errors_in(const Log_Capture &log);
 
 }  // namespace tarn::test

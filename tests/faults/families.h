@@ -1,0 +1,45 @@
+// The table's families, each in a file of its own, and what they are made with.
+#pragma once
+
+#include "tests/faults/scenario.h"
+
+namespace tarn::test {
+
+std::vector<Scenario> log_and_text();
+std::vector<Scenario> processes();
+std::vector<Scenario> locks();
+std::vector<Scenario> path_checks();
+std::vector<Scenario> nodes();
+std::vector<Scenario> conf_text();
+std::vector<Scenario> conf_files();
+std::vector<Scenario> single_values();
+std::vector<Scenario> addresses();
+std::vector<Scenario> sockets();
+std::vector<Scenario> exact_transfer();
+std::vector<Scenario> tls_sessions();
+std::vector<Scenario> interfaces();
+std::vector<Scenario> member_records();
+std::vector<Scenario> share_records();
+std::vector<Scenario> commands();
+
+// How functions that work on chains of sections answer.
+extern const std::vector<Answer> chain_answers;
+
+Scenario in_memory(std::string function, std::function<void(World &)> prepare, std::function<int(World &)> call,
+                   std::string result);
+
+Scenario reader(std::string function, std::string text, std::function<int(World &)> call, int success,
+                std::string result);
+
+// Replaces the file under its lock by way of the chains of sections.
+Scenario locked_writer(std::string function, std::string situation, std::optional<std::string> before,
+                       std::optional<std::string> after, std::function<void(World &)> prepare,
+                       std::function<int(World &)> call);
+
+// The same for a caller that has the lock.
+Scenario writer(std::string function, std::optional<std::string> before, std::optional<std::string> after,
+                std::function<void(World &)> prepare, std::function<int(World &)> call);
+
+Scenario with(Scenario scenario, const std::function<void(Scenario &)> &change);
+
+}  // namespace tarn::test
