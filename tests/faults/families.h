@@ -7,7 +7,13 @@ namespace tarn::test {
 
 std::vector<Scenario> log_and_text();
 std::vector<Scenario> processes();
+std::vector<Scenario> traced_memory();
+std::vector<Scenario> string_lists();
 std::vector<Scenario> locks();
+std::vector<Scenario> bulk_transfer();
+std::vector<Scenario> file_copies();
+std::vector<Scenario> trees();
+std::vector<Scenario> temporary_files();
 std::vector<Scenario> path_checks();
 std::vector<Scenario> nodes();
 std::vector<Scenario> conf_text();
@@ -20,7 +26,14 @@ std::vector<Scenario> tls_sessions();
 std::vector<Scenario> interfaces();
 std::vector<Scenario> member_records();
 std::vector<Scenario> share_records();
+std::vector<Scenario> backup_settings();
+std::vector<Scenario> background_tasks();
 std::vector<Scenario> commands();
+std::vector<Scenario> discovery();
+std::vector<Scenario> backups();
+
+// Of the Pure_Function table.
+std::vector<Pure_Function> pure_foundation_functions();
 
 // How functions that work on chains of sections answer.
 extern const std::vector<Answer> chain_answers;

@@ -56,6 +56,12 @@ std::string shown_interfaces(const Net_Interface *record) {
   return text;
 }
 
+std::string shown_list(const Str_List *list) {
+  std::string text = "list:";
+  for (char *const *entry = list->pointers; *entry != nullptr; ++entry) text += std::string(*entry) + ";";
+  return text;
+}
+
 // What has arrived at a socket; it stays there.
 std::string arrived_at(const Descriptor &fd) {
   char text[65536];
@@ -100,6 +106,8 @@ std::string World::shown() const {
   if (number != 0) all += std::to_string(number);
   if (stream != nullptr) all += "stream";
   if (log != nullptr) all += "log";
+  if (list != nullptr) all += shown_list(list);
+  if (traced != nullptr) all += "traced";
   if (pids != nullptr) all += std::to_string(pid_count) + " pids";
   if (pid >= 0) all += "pid " + std::to_string(pid);
   return all + shown_interfaces(interfaces) + arrived_at(far_end) + (peer != nullptr ? peer->received() : "");
@@ -124,6 +132,9 @@ void World::give_back() {
   far_end = Descriptor();
   source_fd = Descriptor();
   Free_Network_Interface(std::exchange(interfaces, nullptr));
+  Str_List_Free(std::exchange(list, nullptr));
+  if (traced != nullptr) Trace_Mem_Free(std::exchange(traced, nullptr) + 4, "", 0);
+  given_text = nullptr;
   found = nullptr;
   memset(buffer, 0, sizeof buffer);
   size = 0;

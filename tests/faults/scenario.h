@@ -50,6 +50,8 @@ struct World {
   ssl_ctx_st *context = nullptr;
   Tls_Session session = {-1, nullptr, nullptr, nullptr};
   Net_Interface *interfaces = nullptr;
+  Str_List *list = nullptr;
+  char *traced = nullptr;  // a block of traced memory
   int *pids = nullptr;
   int pid_count = 0;
   int pid = -1;
@@ -59,6 +61,7 @@ struct World {
   Tarn_Serv_Conf given_record = {};
   Tarn_Share_Conf given_share = {};
   std::string given_name;
+  const char *given_text = nullptr;  // lies in what is handed out
   Descriptor given_fd;
   Descriptor far_end;  // of given_fd or of a plain session
   Descriptor source_fd;

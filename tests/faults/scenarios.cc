@@ -9,9 +9,13 @@ namespace tarn::test {
 const std::vector<Scenario> &scenarios() {
   static const std::vector<Scenario> all = [] {
     std::vector<Scenario> joined;
-    for (const auto &family : {log_and_text(), processes(), locks(), path_checks(), nodes(), conf_text(), conf_files(),
-                               single_values(), addresses(), sockets(), exact_transfer(), tls_sessions(), interfaces(),
-                               member_records(), share_records(), commands()}) {
+    for (const auto &family :
+         {log_and_text(),  processes(),       traced_memory(),    string_lists(),  locks(),
+          path_checks(),   bulk_transfer(),   file_copies(),      trees(),         temporary_files(),
+          nodes(),         conf_text(),       conf_files(),       single_values(), addresses(),
+          sockets(),       exact_transfer(),  tls_sessions(),     interfaces(),    member_records(),
+          share_records(), backup_settings(), background_tasks(), commands(),      discovery(),
+          backups()}) {
       joined.insert(joined.end(), family.begin(), family.end());
     }
     return joined;
@@ -31,7 +35,8 @@ const std::vector<Pure_Function> &pure_functions() {
   static const char *found;
   static const Pair_Node *const pairs = sections->pairs;
   static const unsigned char address[16] = {0xfd};
-  static const std::vector<Pure_Function> all = {
+  static Tarn_Backup_Conf settings;
+  static std::vector<Pure_Function> all = {
       {"Log_DateTime_Format", [] { Log_DateTime_Format(0, text, 24, 3); }},
       {"Change_Date_To_String_By_Format_Ex", [] { Change_Date_To_String_By_Format_Ex(0, text, sizeof text, 3); }},
       {"Change_Time_To_String_By_Format_Ex", [] { Change_Time_To_String_By_Format_Ex(0, text, sizeof text, 0, 12); }},
@@ -68,9 +73,21 @@ const std::vector<Pure_Function> &pure_functions() {
       {"Tarn_Cluster_Serv_Conf_Preset", [] { Tarn_Cluster_Serv_Conf_Preset(nullptr); }},
       {"Release_Share_List_Conf", [] { Release_Share_List_Conf(nullptr); }},
       {"Tarn_Cluster_Share_List_Preset", [] { Tarn_Cluster_Share_List_Preset(nullptr); }},
+      {"Tarn_Backup_Conf_Preset", [] { Tarn_Backup_Conf_Preset(&settings); }},
+      {"Tarn_Backup_Conf_From_Sect_Node", [] { Tarn_Backup_Conf_From_Sect_Node(sections.get(), &settings); }},
+      {"Release_Backgrnd_Task_Conf", [] { Release_Backgrnd_Task_Conf(nullptr); }},
+      {"Backgrnd_Task_Conf_Preset", [] { Backgrnd_Task_Conf_Preset(nullptr); }},
+      {"Free_Browse_Serv", [] { Free_Browse_Serv(nullptr); }},
+      {"Check_Temp_Filename", [] { Check_Temp_Filename("/a/b"); }},
       {"Set_Abort", [] { Set_Abort(&g_bAbort); }},
       {"Set_Slave_On_Master", [] { Set_Slave_On_Master(&g_bSlaveOnMaster); }},
   };
+  static const bool joined = [] {
+    const std::vector<Pure_Function> more = pure_foundation_functions();
+    all.insert(all.end(), more.begin(), more.end());
+    return true;
+  }();
+  static_cast<void>(joined);
   return all;
 }
 
