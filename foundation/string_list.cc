@@ -113,7 +113,7 @@ char *place(Str_List *list, const Entry &entry) {
   list->low_end -= size;
   list->free_bytes -= static_cast<unsigned int>(size + pointer_size);
   char *text = list->low_end + list->object_size;
-  if (list->object_size > 0) memcpy(list->low_end, entry.object, list->object_size);
+  if (entry.object != nullptr) memcpy(list->low_end, entry.object, list->object_size);
   memcpy(text, entry.text, entry.length + 1);
   return text;
 }

@@ -205,6 +205,7 @@ int Trace_Mem_Destroy(void) {
   }
   while (g_tmnHead.prev != &g_tmnHead) {
     Trace_Mem_Node *node = g_tmnHead.prev;
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the one before was unlinked, so this is another
     tarn::unlink(node);
     const bool whole = memcmp(node->front, g_stPreface, sizeof g_stPreface) == 0;
     TARN_ERROR("%s (%d) allocate %d byte but not freed%s!", node->file, node->line, node->size,

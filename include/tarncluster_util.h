@@ -150,13 +150,14 @@ typedef struct Trace_Mem_Node {
   __extension__ char data[];   /**< the data, and sixteen "Z" behind it */
 } Trace_Mem_Node;
 
-extern TARN_API Trace_Mem_Node g_tmnHead;         /**< the list's head; points at itself when there is no block */
-extern TARN_API char g_stPreface[16];             /**< sixteen "Z", without a terminator */
-extern TARN_API pthread_mutex_t g_mtxMem;         /**< guards list and counters */
-extern TARN_API unsigned int g_cnAlloc, g_cnFree; /**< allocations and releases so far */
-extern TARN_API int g_bDebugOutput;               /**< not 0 (the default): reports go to standard output */
-extern TARN_API FILE *g_pfDebug;                  /**< not used */
-extern TARN_API FILE *g_pfError;                  /**< reports go to this stream, too, when it is set */
+extern TARN_API Trace_Mem_Node g_tmnHead; /**< the list's head; points at itself when there is no block */
+extern TARN_API char g_stPreface[16];     /**< sixteen "Z", without a terminator */
+extern TARN_API pthread_mutex_t g_mtxMem; /**< guards list and counters */
+extern TARN_API unsigned int g_cnAlloc;   /**< allocations so far */
+extern TARN_API unsigned int g_cnFree;    /**< releases so far */
+extern TARN_API int g_bDebugOutput;       /**< not 0 (the default): reports go to standard output */
+extern TARN_API FILE *g_pfDebug;          /**< not used */
+extern TARN_API FILE *g_pfError;          /**< reports go to this stream, too, when it is set */
 
 /** Initialises g_mtxMem. Returns what pthread_mutex_init does. */
 TARN_API int Trace_Mem_Init(void);

@@ -73,17 +73,17 @@ int store_member(const char *id, const Tarn_Serv_Conf &record) {
 int store_progress(const json_object *object) {
   const char *id = find_subject_id(progress_handler, object);
   if (id == nullptr) return -EINVAL;
-  const int packed = json_object_get_int(find_member(object, "progress"));
+  const int half = json_object_get_int(find_member(object, "progress")) / 2;
 
   Member_List record;
   int status = read_member(progress_handler, id, &record);
   if (status == -ENOANO) return -EINVAL;
   if (status != 0 || record == nullptr) return status;
-  record->BackupProgress = packed / 2;
+  record->BackupProgress = half;
   record->fields |= TARN_SERV_BACKUP_PROGRESS;
   status = store_member(id, *record);
   if (status != 0) return status;
-  return change_task_progress(progress_handler, id, true, packed / 2, TARN_TASK_PROGRESS);
+  return change_task_progress(progress_handler, id, true, half, TARN_TASK_PROGRESS);
 }
 
 }  // namespace

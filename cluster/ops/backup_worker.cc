@@ -99,7 +99,8 @@ Heap_Text quote(const char *text) {
       *end++ = *text;
     }
   }
-  strcpy(end, "'");
+  *end++ = '\'';
+  *end = '\0';
   return word;
 }
 
@@ -153,7 +154,8 @@ void tell_progress(const char *id, int percent) {
   char *reply = nullptr;
   Tarn_Cluster_Backup_Set_Pack_Prg(master_id, percent, &reply);
   free(reply);
-  Set_Backgrnd_Task_Progress(id, 1, percent / 2 / 100.0);
+  const int half = percent / 2;
+  Set_Backgrnd_Task_Progress(id, 1, half / 100.0);
 }
 
 struct Outcome {
