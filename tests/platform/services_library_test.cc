@@ -101,6 +101,16 @@ TEST_F(Log_Tool, event_of_the_library_reads_as_it_was_given) {
   EXPECT_THAT(read_file(kEventLog), EndsWith("type 1 user DOMAIN\\user: cost: $5 \"net\" of C:\\share\n"));
 }
 
+TEST_F(Log_Tool, notice_is_an_event_of_the_system_s) {
+  ASSERT_EQ(system("install -m 0755 " TARN_BIN_DIR "/log_tool /sbin/log_tool"), 0);
+  const auto post = [](const char *message) {
+    return SendNoticeToLogEngine(6, 0, 0, "", 19, "", 0, -1, 0, "---", "---", "---", "---", 0, 0, message);
+  };
+  EXPECT_EQ(post("[Druvo] a $notice"), 0);
+  EXPECT_THAT(read_file(kEventLog), EndsWith("type 0 user System: [Druvo] a $notice\n"));
+  EXPECT_EQ(post(nullptr), -EINVAL);
+}
+
 TEST_F(Log_Tool, refuses_what_it_does_not_understand) {
   EXPECT_EQ(run("text", "3", "user"), 2 << 8);
   EXPECT_EQ(run("text", "", "user"), 2 << 8);
@@ -156,7 +166,7 @@ TEST(Platform_Libraries, export_their_functions_only_and_need_no_cxx_runtime) {
   EXPECT_EQ(
       output_of(names + TARN_INTERFACE_LIBRARY),
       "Cluster_Master_Cmd\nCluster_Master_Cmd_Ex\nCluster_Master_Ctrl_Cmd\nCluster_Slave_Cmd\nCluster_Slave_Cmd_Ex\n");
-  EXPECT_EQ(output_of(names + TARN_SERVICES_LIBRARY), "Get_Display_Model_Name\npelk_exec\n");
+  EXPECT_EQ(output_of(names + TARN_SERVICES_LIBRARY), "Get_Display_Model_Name\nSendNoticeToLogEngine\npelk_exec\n");
   for (const char *library : {TARN_INTERFACE_LIBRARY, TARN_SERVICES_LIBRARY}) {
     const std::string entries = output_of(std::string("readelf -d ") + library);
     EXPECT_THAT(entries, testing::Not(testing::HasSubstr("libstdc++")));
