@@ -13,13 +13,13 @@
 #include <string_view>
 
 #include "foundation/owners.h"
+#include "foundation/program.h"
 #include "foundation/report.h"
 
 namespace tarn {
 namespace {
 
 using Folder = std::unique_ptr<DIR, Give_Back<closedir>>;
-using Command = std::unique_ptr<FILE, Give_Back<pclose>>;
 
 constexpr int first_capacity = 64;
 constexpr int line_limit = 4095;

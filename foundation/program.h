@@ -7,6 +7,9 @@
 
 namespace tarn {
 
+// What a command of the shell prints, or takes. Closing waits for its end.
+using Command = std::unique_ptr<FILE, Give_Back<pclose>>;
+
 // A program that runs, and its standard output. Closing ends the reading before it waits, so a talkative program that
 // nobody listens to any more ends, too.
 class Program {

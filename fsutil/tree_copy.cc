@@ -185,11 +185,10 @@ int Copy_Folder_Tree_At(int source_dir_fd, const char *source, int destination_d
     return -EINVAL;
   }
   tarn::Path_Text path;
-  int status = tarn::full_path_at(source_dir_fd, source, &path);
-  if (status == -EINVAL) TARN_DEBUG("Can't get the base path by its FD %d error!, %d", source_dir_fd, status);
+  int status = tarn::full_path_at(__func__, source_dir_fd, source, &path);
   if (status != 0) return status;
   tarn::Path_Text plain;  // the destination without a slash at its end
-  status = tarn::full_path_at(AT_FDCWD, destination, &plain);
+  status = tarn::full_path_at(__func__, AT_FDCWD, destination, &plain);
   if (status != 0) return status;
 
   struct stat found;

@@ -66,8 +66,7 @@ int Remove_Folder_Tree_At(int dir_fd, const char *path, unsigned int *abort_flag
   if (fstatat(dir_fd, path, &root, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
   if (!S_ISDIR(root.st_mode)) return tarn::remove_name(dir_fd, path, 0);
   tarn::Path_Text full;
-  int status = tarn::full_path_at(dir_fd, path, &full);
-  if (status == -EINVAL) TARN_DEBUG("Can't get the base path by its FD %d error!, %d", dir_fd, status);
+  int status = tarn::full_path_at(__func__, dir_fd, path, &full);
   if (status != 0) return status;
   const tarn::Abort_Flag abort(abort_flag);
   if (abort.is_set()) return abort.value();

@@ -74,8 +74,7 @@ int look_at_root(int dir_fd, const char *given, const Path_Text &path, struct st
 int State_Folder_Tree_At(int dir_fd, const char *path, Tree_Stat *statistics, unsigned int *abort_flag) {
   if (!tarn::is_folder_descriptor(dir_fd) || path == nullptr || statistics == nullptr) return -EINVAL;
   tarn::Path_Text full;
-  int status = tarn::full_path_at(dir_fd, path, &full);
-  if (status == -EINVAL) TARN_DEBUG("Can't get the base path by its FD %d error!, %d", dir_fd, status);
+  int status = tarn::full_path_at(__func__, dir_fd, path, &full);
   if (status != 0) return status;
   struct stat root;
   status = tarn::look_at_root(dir_fd, path, full, &root);

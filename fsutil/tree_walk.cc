@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "foundation/report.h"
 #include "fsutil/path_checks.h"
 
 namespace tarn {
@@ -44,14 +45,17 @@ int Path_Text::append(const char *name) {
   return 0;
 }
 
-int full_path_at(int dir_fd, const char *path, Path_Text *full) {
+int full_path_at(const char *function, int dir_fd, const char *path, Path_Text *full) {
   int status = 0;
   if (dir_fd == AT_FDCWD || path[0] == '/') {
     status = full->assign(path);
   } else {
     char base[PATH_MAX];
     const int length = Get_FD_Path(dir_fd, base, sizeof base - 1);
-    if (length < 0) return -EINVAL;
+    if (length < 0) {
+      TARN_DEBUG_AS(function, "Can't get the base path by its FD %d error!, %d", dir_fd, -EINVAL);
+      return -EINVAL;
+    }
     base[length] = '\0';
     status = full->assign(base);
     if (status == 0) status = full->append(path);

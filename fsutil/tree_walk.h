@@ -33,9 +33,9 @@ class Path_Text {
   size_t capacity_ = 0;
 };
 
-// The path of a folder descriptor and a path relative to it; the path alone where that is enough. -EINVAL when the
-// descriptor's path cannot be read.
-int full_path_at(int dir_fd, const char *path, Path_Text *full);
+// The path of a folder descriptor and a path relative to it; the path alone where that is enough. -EINVAL, with a
+// report under the function's name, when the descriptor's path cannot be read; -ENOMEM.
+int full_path_at(const char *function, int dir_fd, const char *path, Path_Text *full);
 
 // The open folder of one side of a walk.
 class Folder_Cursor {

@@ -17,6 +17,7 @@
 #include "cluster/records/task_records.h"
 #include "foundation/bounded_text.h"
 #include "foundation/owners.h"
+#include "foundation/program.h"
 #include "foundation/report.h"
 
 namespace tarn {
@@ -32,8 +33,6 @@ constexpr int removed_from_cluster = -1;
 constexpr int all_packed = 100;
 constexpr int task_running = 1;
 constexpr unsigned poll_interval_ms = 1000;
-
-using Command = std::unique_ptr<FILE, Give_Back<pclose>>;
 
 // ---------------------------------------------------------------------------------------------------------- the task
 

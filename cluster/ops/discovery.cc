@@ -6,6 +6,7 @@
 
 #include "cluster/ops/own_addresses.h"
 #include "foundation/owners.h"
+#include "foundation/program.h"
 #include "foundation/report.h"
 
 namespace tarn {
@@ -14,8 +15,6 @@ namespace {
 constexpr char browse_name[] = "Tarn_Cluster_Browse_Slave";
 constexpr char browse_command[] = "/usr/sbin/avahi-browse -rt _tarncluster._tcp 2>/dev/null";
 constexpr int line_size = 255;
-
-using Command = std::unique_ptr<FILE, Give_Back<pclose>>;
 
 // The text behind "[" and before the first `end` behind that; it lies in the line. False when the line has none.
 struct Bracketed {

@@ -85,12 +85,7 @@ void Tarn_Cluster_Serv_Conf_Preset(Tarn_Serv_Conf *rec) {
 }
 
 int Tarn_Cluster_All_Serv_From_Sect_Node(const Sect_Node *sections, Tarn_Serv_Conf **out) {
-  if (out == nullptr) return -EINVAL;
-  void *list = nullptr;
-  const int status = tarn::sections_to_records(tarn::members, sections, &list);
-  // Also when memory ends before the first record: whoever releases what was made so far then finds nothing.
-  if (status != -EINVAL) *out = static_cast<Tarn_Serv_Conf *>(list);
-  return status;
+  return tarn::list_from_sections(tarn::members, sections, out);
 }
 
 int Tarn_Cluster_All_Serv_To_Sect_Node(const Tarn_Serv_Conf *list, Sect_Node **out) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -93,6 +94,17 @@ void hand_over(void *made, Record **out) {
 int sections_to_records(const Record_Family &family, const Sect_Node *sections, void **out);
 int records_to_sections(const Record_Family &family, const void *list, Sect_Node **out);
 int section_to_record(const Record_Family &family, const Sect_Node *section, void **out);
+
+// sections_to_records for a caller's list. Also when memory ends before the first record the list is set: whoever
+// releases what was made so far then finds nothing.
+template <typename Record>
+int list_from_sections(const Record_Family &family, const Sect_Node *sections, Record **out) {
+  if (out == nullptr) return -EINVAL;
+  void *list = nullptr;
+  const int status = sections_to_records(family, sections, &list);
+  if (status != -EINVAL) *out = static_cast<Record *>(list);
+  return status;
+}
 int update_section(const Record_Family &family, const void *record, Sect_Node *section);
 
 // The file operations report under the name of the exported function that is handed in. These are for who holds the

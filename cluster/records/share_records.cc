@@ -59,12 +59,7 @@ void Tarn_Cluster_Share_List_Preset(Tarn_Share_Conf *rec) {
 }
 
 int Tarn_Cluster_All_Share_From_Sect_Node(const Sect_Node *sections, Tarn_Share_Conf **out) {
-  if (out == nullptr) return -EINVAL;
-  void *list = nullptr;
-  const int status = tarn::sections_to_records(tarn::shares, sections, &list);
-  // Also when memory ends before the first record: whoever releases what was made so far then finds nothing.
-  if (status != -EINVAL) *out = static_cast<Tarn_Share_Conf *>(list);
-  return status;
+  return tarn::list_from_sections(tarn::shares, sections, out);
 }
 
 int Tarn_Cluster_All_Share_To_Sect_Node(const Tarn_Share_Conf *list, Sect_Node **out) {

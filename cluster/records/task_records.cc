@@ -105,11 +105,7 @@ void Backgrnd_Task_Conf_Preset(Backgrnd_Task_Conf *rec) {
 }
 
 int Backgrnd_Task_All_Task_From_Sect_Node(const Sect_Node *sections, Backgrnd_Task_Conf **out) {
-  if (out == nullptr) return -EINVAL;
-  void *list = nullptr;
-  const int status = tarn::sections_to_records(tarn::tasks, sections, &list);
-  tarn::hand_over(list, out);
-  return status;
+  return tarn::list_from_sections(tarn::tasks, sections, out);
 }
 
 int Backgrnd_Task_All_Task_To_Sect_Node(const Backgrnd_Task_Conf *list, Sect_Node **out) {

@@ -29,6 +29,11 @@ int read_text(const std::string &path, size_t limit, std::string *text);
 // 128 and more when a signal ended it.
 int run_program(const std::vector<std::string> &words);
 
+// For changes of which each is tried whatever became of the others: the first failure is the result of them all.
+inline void keep_first(int *result, int next) {
+  if (*result == 0) *result = next;
+}
+
 }  // namespace tarn::platform
 
 #endif

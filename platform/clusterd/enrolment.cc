@@ -68,10 +68,6 @@ int write_membership(const Invitation &invitation, const std::string &bus_folder
   return result == 0 ? write_role() : result;
 }
 
-void keep_first(int *result, int next) {
-  if (*result == 0) *result = next;
-}
-
 int remove_share_lists() {
   const std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir(kShareListFolder), closedir);
   if (!folder) return errno == ENOENT ? 0 : -errno;

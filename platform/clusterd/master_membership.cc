@@ -5,6 +5,7 @@
 
 #include "platform/clusterd/bus_address.h"
 #include "platform/clusterd/command.h"
+#include "platform/clusterd/durable_files.h"
 #include "platform/clusterd/json_text.h"
 #include "platform/clusterd/log.h"
 #include "platform/clusterd/member_records.h"
@@ -28,10 +29,6 @@ constexpr seconds kComesUp(5);
 
 constexpr size_t kLongestGreeting = 4096;
 constexpr int kLargestPort = 65535;
-
-void keep_first(int *result, int next) {
-  if (*result == 0) *result = next;
-}
 
 std::string reply_with_id(const std::string &id) {
   const Json object(json_object_new_object());

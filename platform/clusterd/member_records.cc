@@ -79,10 +79,6 @@ Tarn_Serv_Conf *find(const Records &records, const std::string &id) {
   return record;
 }
 
-void keep_first(int *result, int next) {
-  if (*result == 0) *result = next;
-}
-
 // Puts a record before all others; the caller holds the lock.
 int move_to_front(const char *path, const std::string &id) {
   Records records;
