@@ -20,6 +20,7 @@
 #ifndef TARNCLUSTER_UTIL_H
 #define TARNCLUSTER_UTIL_H
 
+#include <mntent.h>
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -1381,6 +1382,147 @@ TARN_API int Exactly_SSL_Recv_Ex(Tls_Session *session, void *buffer, int length,
  * @return length; -EINVAL; -ETIME when the socket's send time-out ended it; -EPIPE, -EPROTO; -errno
  */
 TARN_API int Exactly_SSL_Send(Tls_Session *session, const void *buffer, size_t length, int flags);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Mounts, shares, volumes
+ *
+ * An appliance's shared folders are symbolic links in "/share/" to folders on its volumes. The functions that hand out
+ * a mount entry, and those that stand on them, share the system's one entry: one thread at a time.
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** One mounted file system, in one allocation with its texts. */
+typedef struct Mount_Info {
+  struct Mount_Info *next;      /**< next entry, or null */
+  int passno;                   /**< sixth field of the table's line */
+  int freq;                     /**< fifth field */
+  char *device;                 /**< first field: what is mounted */
+  char *mount_point;            /**< second field */
+  char *fs_type;                /**< third field */
+  __extension__ char options[]; /**< fourth field */
+} Mount_Info;
+
+#define TARN_SHARE_HIDDEN 0x10u      /**< flag of a share that is not to be shown */
+#define TARN_SHARE_EXTERNAL 0x1100u  /**< flags of a mounted external disk */
+#define TARN_SHARE_READ_ONLY 0x1201u /**< flags of an optical image */
+
+/** One shared folder, in one allocation with its name. */
+typedef struct Share_Info {
+  struct Share_Info *next;   /**< next share, or null */
+  int mtime;                 /**< modification time of the folder, seconds, 32 bits */
+  int mtime_nsec;            /**< its nanoseconds */
+  unsigned int mode;         /**< type and permission bits; without write bits on an optical image */
+  unsigned int flags;        /**< TARN_SHARE_HIDDEN and so on */
+  unsigned int uid;          /**< owner */
+  unsigned int gid;          /**< group */
+  int fs_type;               /**< type number of the file system (statfs), 32 bits */
+  int block_size;            /**< block size of the file system, bytes */
+  int64_t free_bytes;        /**< free bytes of the file system */
+  __extension__ char name[]; /**< name of the link in "/share/" */
+} Share_Info;
+
+/** A volume. */
+typedef struct Volume_Info {
+  uint64_t avail_bytes;   /**< bytes available to users */
+  uint64_t total_bytes;   /**< bytes of the file system, or of the device: see the queries */
+  unsigned int partition; /**< partition number, 0: none */
+  char device[24];        /**< for example "/dev/sda1" */
+  char shortcut[44];      /**< "/share/NAME", else the mount point */
+  char uuid[40];          /**< UUID of the file system */
+  char type[12];          /**< type of the file system */
+  char label[16];         /**< label of the file system */
+  char model[32];         /**< model of the device */
+  char vendor[36];        /**< vendor of the device */
+} Volume_Info;
+
+/** Names in "/share/" that are no shares; only the first counts. */
+extern TARN_API const char *g_rypszReservedShare[];
+
+/**
+ * Puts the mounted file systems at the front of a list, the last of the table first.
+ *
+ * @param list  is added to (Free_Mount_Info)
+ * @return 0, -EINVAL, -errno of the table, -ENOMEM (what was read is in the list)
+ */
+TARN_API int Scan_Mount_Info(Mount_Info **list);
+
+/** Frees a list; null is ignored. */
+TARN_API void Free_Mount_Info(Mount_Info *list);
+
+/**
+ * Lists the shared folders, sorted by name.
+ *
+ * @param list   receives the list (Release_Share_List), null on failure
+ * @param count  receives the number of shares; may be null
+ * @return 0, -EINVAL, -errno of "/share/", -ENOMEM
+ */
+TARN_API int Scan_Share_List(Share_Info **list, int *count);
+
+/** Frees a list and sets its holder to null. */
+TARN_API void Release_Share_List(Share_Info **list);
+
+/**
+ * Finds the first mount of a device.
+ *
+ * @param entry  receives the system's own entry, good until the next read of a mount table; null when there is none
+ * @return 0, -EINVAL, -errno of the table, -ENOTDIR
+ */
+TARN_API int Query_Mount_Entry_By_Device(const char *device, struct mntent **entry);
+
+/** Finds the first mount at a mount point. As Query_Mount_Entry_By_Device. */
+TARN_API int Query_Mount_Entry_By_Path(const char *mount_point, struct mntent **entry);
+
+/** Finds the link in "/share" that points to a mount point below it. shortcut: 44 bytes. 0, -EINVAL, -ENOENT. */
+TARN_API int Query_Mount_Shortcut(const char *mount_point, char *shortcut);
+
+/**
+ * Describes a mounted volume by its device ("/dev/...") or by a share folder that is its mount point ("/share/...").
+ * total_bytes is the file system's for a device, and the device's for a share folder.
+ *
+ * @param info  is zeroed and filled, in part after a failure
+ * @return 0; -EINVAL (also another path); -ENODEV; -ENOTDIR when it is not mounted; -errno
+ */
+TARN_API int Query_Volume_Info_BY_Path(const char *path, Volume_Info *info);
+
+/** Describes a mounted volume by its UUID of up to 39 characters. As for a device. */
+TARN_API int Query_Volume_Info_BY_Id(const char *uuid, Volume_Info *info);
+
+/* ------------------------------------------------------------------------------------------------------------------
+ * Block devices
+ * --------------------------------------------------------------------------------------------------------------- */
+
+/** One device that the block-id tool knows, in one allocation with its texts. */
+typedef struct Block_Device {
+  struct Block_Device *next;  /**< next device, or null */
+  char *device;               /**< its path */
+  char *uuid;                 /**< its UUID; empty: none */
+  char *type;                 /**< its type; empty: none */
+  __extension__ char type2[]; /**< a second type without its first character; empty: none */
+} Block_Device;
+
+/** Puts the block devices at the front of a list, the last one first (free() each). 0, -EINVAL, -ENOMEM. */
+TARN_API int Scan_Block_Device_Info(Block_Device **list);
+
+/**
+ * Finds a device by its path of up to 22 characters.
+ *
+ * @param uuid, label, type  40, 16 and 12 bytes; a value that is missing or does not fit is empty
+ * @return 0, -EINVAL, -ENODEV (all empty)
+ */
+TARN_API int Query_Block_Info_By_Path(const char *path, char *uuid, char *label, char *type);
+
+/** Finds a device by its UUID of up to 39 characters. device: 24 bytes. As Query_Block_Info_By_Path. */
+TARN_API int Query_Block_Info_By_Id(const char *uuid, char *device, char *label, char *type);
+
+/**
+ * Reads a device's facts from /sys/block.
+ *
+ * @param size            receives the bytes of the device
+ * @param partition       receives its number; 0: none, or the only one of its disk
+ * @param vendor, model   33 and 32 bytes
+ * @return 0, -EINVAL, -errno when there is no vendor (the others are filled)
+ */
+TARN_API int Query_Block_Device_Info(const char *path, uint64_t *size, unsigned int *partition, char *vendor,
+                                     char *model);
 
 /* ------------------------------------------------------------------------------------------------------------------
  * Network interfaces

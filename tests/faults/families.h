@@ -24,6 +24,8 @@ std::vector<Scenario> sockets();
 std::vector<Scenario> exact_transfer();
 std::vector<Scenario> tls_sessions();
 std::vector<Scenario> interfaces();
+std::vector<Scenario> mounts_and_shares();
+std::vector<Scenario> block_devices();
 std::vector<Scenario> member_records();
 std::vector<Scenario> share_records();
 std::vector<Scenario> backup_settings();

@@ -10,12 +10,12 @@ const std::vector<Scenario> &scenarios() {
   static const std::vector<Scenario> all = [] {
     std::vector<Scenario> joined;
     for (const auto &family :
-         {log_and_text(),  processes(),       traced_memory(),    string_lists(),  locks(),
-          path_checks(),   bulk_transfer(),   file_copies(),      trees(),         temporary_files(),
-          nodes(),         conf_text(),       conf_files(),       single_values(), addresses(),
-          sockets(),       exact_transfer(),  tls_sessions(),     interfaces(),    member_records(),
-          share_records(), backup_settings(), background_tasks(), commands(),      discovery(),
-          backups()}) {
+         {log_and_text(),  processes(),      traced_memory(), string_lists(),    locks(),
+          path_checks(),   bulk_transfer(),  file_copies(),   trees(),           temporary_files(),
+          nodes(),         conf_text(),      conf_files(),    single_values(),   addresses(),
+          sockets(),       exact_transfer(), tls_sessions(),  interfaces(),      mounts_and_shares(),
+          block_devices(), member_records(), share_records(), backup_settings(), background_tasks(),
+          commands(),      discovery(),      backups()}) {
       joined.insert(joined.end(), family.begin(), family.end());
     }
     return joined;
@@ -69,6 +69,8 @@ const std::vector<Pure_Function> &pure_functions() {
       {"Get_Conf_Int32_Value", [] { Get_Conf_Int32_Value(sections.get(), "a", "k", &large); }},
       {"IPv6_Check_Subnet", [] { IPv6_Check_Subnet(address, address, 128); }},
       {"Free_Network_Interface", [] { Free_Network_Interface(nullptr); }},
+      {"Free_Mount_Info", [] { Free_Mount_Info(nullptr); }},
+      {"Release_Share_List", [] { Release_Share_List(nullptr); }},
       {"Release_Serv_List_Conf", [] { Release_Serv_List_Conf(nullptr); }},
       {"Tarn_Cluster_Serv_Conf_Preset", [] { Tarn_Cluster_Serv_Conf_Preset(nullptr); }},
       {"Release_Share_List_Conf", [] { Release_Share_List_Conf(nullptr); }},
