@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <malloc.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -9,8 +8,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -823,48 +820,6 @@ TEST_F(Traced_Memory, Allocation_and_release_lock_the_mutex) {
   EXPECT_TRUE(waits_for_mutex([&] { release(data); }));
   EXPECT_EQ(g_cnAlloc, 1u);
   EXPECT_EQ(g_cnFree, 1u);
-}
-
-// Each thread frees its own blocks and those that others left on the table.
-TEST_F(Traced_Memory, Eight_threads_are_counted_to_the_last_block) {
-  constexpr unsigned int threads = 8, blocks_each = 2000;
-  std::mutex table_lock;
-  std::vector<char *> table;
-  std::atomic<unsigned int> released = 0;
-  const auto work = [&](unsigned int seed) {
-    std::minstd_rand random(seed);
-    for (unsigned int i = 0; i < blocks_each; ++i) {
-      const int size = static_cast<int>(random() % 200);
-      char *data = allocate(size, "thread.c", static_cast<int>(seed));
-      memset(data, 'x', static_cast<size_t>(size));
-      {
-        const std::lock_guard lock(table_lock);
-        table.push_back(data);
-        std::swap(table.back(), table[random() % table.size()]);
-        if (random() % 3 == 0) continue;
-        data = table.back();
-        table.pop_back();
-      }
-      EXPECT_EQ(Trace_Mem_Check(checked(data)), 0);
-      release(data);
-      ++released;
-    }
-  };
-
-  std::vector<std::jthread> workers;
-  for (unsigned int seed = 1; seed <= threads; ++seed) workers.emplace_back(work, seed);
-  workers.clear();
-
-  EXPECT_EQ(g_cnAlloc, threads * blocks_each);
-  EXPECT_EQ(g_cnFree, released);
-  EXPECT_EQ(table.size(), threads * blocks_each - released);
-  std::vector<char *> left = live();
-  std::ranges::sort(left);
-  std::ranges::sort(table);
-  EXPECT_EQ(left, table);
-  for (char *data : table) release(data);
-  EXPECT_EQ(g_cnAlloc, g_cnFree);
-  EXPECT_THAT(live(), IsEmpty());
 }
 
 }  // namespace
