@@ -1,0 +1,1 @@
+// Empty: the target that has the tests' precompiled headers needs a source.
