@@ -746,7 +746,7 @@ void run_against_model(unsigned int seed) {
   int made = 0, popped = 0;
   freed_nodes = 0;
 
-  for (int step = 0; step < 20'000 && !testing::Test::HasFailure(); ++step) {
+  for (int step = 0; step < 100'000 && !testing::Test::HasFailure(); ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
     const unsigned int choice = below(100);
     if (choice < 50) {

@@ -13,6 +13,7 @@
 #include <iostream>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -376,6 +377,29 @@ TEST(Str_List_Add, Sorted_lists_keep_the_order_of_strcmp_and_tell_the_place) {
   EXPECT_THAT(strings_of(holder.list), ElementsAre("", "Z", "a", "m", "mm", "n", "z", "\xff"));
   for (int index = 0; index < 8; ++index) {
     EXPECT_EQ(Str_List_Find(holder.list, std::string(holder.list->pointers[index]).c_str()), index);
+  }
+}
+
+TEST(Str_List_Add, Sorted_lists_keep_the_order_of_strcmp_for_strings_that_begin_alike_and_end_anywhere) {
+  const auto smaller = [](const std::string &a, const std::string &b) { return strcmp(a.c_str(), b.c_str()) < 0; };
+  std::set<std::string, decltype(smaller)> strings(smaller);
+  for (size_t length = 0; length <= 34; ++length) {
+    const std::string beginning(length, 'm');
+    for (const char *end : {"", "\x01", "a", "\x7f", "\x80", "\xff", "a\x80", "\xff\xff", "am"})
+      strings.insert(beginning + end);
+  }
+  std::vector<std::string> shuffled(strings.begin(), strings.end());
+  for (const unsigned int seed : {1u, 2u, 3u, 4u, 5u}) {
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(seed));
+    Holder holder(sorted);
+    for (const std::string &text : shuffled) holder.add(text.c_str());
+    EXPECT_EQ(strings_of(holder.list), std::vector<std::string>(strings.begin(), strings.end()));
+    int index = 0;
+    for (const std::string &text : strings) {
+      EXPECT_EQ(Str_List_Find(holder.list, std::string(text).c_str()), index);
+      EXPECT_EQ(holder.add(text.c_str()), index++);
+      EXPECT_EQ(Str_List_Find(holder.list, (text + "b").c_str()), -ENOENT);
+    }
   }
 }
 
@@ -1003,9 +1027,16 @@ class Model {
     if (index >= 0 && mode_ != sorted) vector_.erase(vector_.begin() + index);
     return index;
   }
+  void remove_last() { vector_.pop_back(); }
   void clear() {
     set_.clear();
     vector_.clear();
+  }
+  unsigned int size() const { return static_cast<unsigned int>(mode_ == sorted ? set_.size() : vector_.size()); }
+  Entry at(unsigned int index) const {
+    if (mode_ != sorted) return vector_[index];
+    const auto &[text, object] = *std::next(set_.begin(), index);
+    return {text, object};
   }
   std::vector<Entry> entries() const {
     if (mode_ != sorted) return vector_;
@@ -1030,7 +1061,7 @@ class Random_Run {
         model_(mode) {}
 
   void run() {
-    for (int step = 0; step < 20'000 && !testing::Test::HasFailure(); ++step) {
+    for (int step = 0; step < 100'000 && !testing::Test::HasFailure(); ++step) {
       SCOPED_TRACE("step " + std::to_string(step));
       const unsigned int choice = below(100);
       const bool shrinks = below(60) < holder_.list->count;
@@ -1067,7 +1098,7 @@ class Random_Run {
     const int index = Str_Obj_List_Find(holder_.list, text.c_str(), &object);
     ASSERT_EQ(index, model_.find(text));
     if (index >= 0) {
-      ASSERT_EQ(object_at(object), model_.entries()[static_cast<size_t>(index)].object);
+      ASSERT_EQ(object_at(object), model_.at(static_cast<unsigned int>(index)).object);
     }
   }
 
@@ -1094,36 +1125,34 @@ class Random_Run {
   }
 
   void remove() {
-    const std::vector<Model::Entry> all = model_.entries();
-    const std::string text =
-        all.empty() || below(5) == 0 ? any_text() : all[below(static_cast<unsigned int>(all.size()))].text;
+    const bool meets = model_.size() > 0 && below(5) != 0;
+    const std::string text = meets ? model_.at(below(model_.size())).text : any_text();
     const int place = model_.find(text);
     const char *where = place >= 0 ? holder_.list->pointers[place] : nullptr;
     void *object = this;
     ASSERT_EQ(Str_Obj_List_Remove(holder_.list, text.c_str(), &object), place);
-    model_.remove(text);
     if (place < 0) {
       ASSERT_EQ(object, nullptr);
       return;
     }
-    ASSERT_EQ(object_at(object), all[static_cast<size_t>(place)].object);
+    ASSERT_EQ(object_at(object), model_.at(static_cast<unsigned int>(place)).object);
+    model_.remove(text);
     last_taken_ = where;
   }
 
   void take_top() {
-    const std::vector<Model::Entry> all = model_.entries();
+    const Model::Entry top = model_.at(model_.size() - 1);
     const char *text = nullptr;
     void *object = nullptr;
     const bool pops = below(3) != 0;
     const int index =
         pops ? Str_Obj_List_Pop(holder_.list, &text, &object) : Str_Obj_List_Peek(holder_.list, &text, &object);
-    ASSERT_EQ(index, static_cast<int>(all.size()) - 1);
-    ASSERT_EQ(text, all.back().text);
-    ASSERT_EQ(object_at(object), all.back().object);
+    ASSERT_EQ(index, static_cast<int>(model_.size()) - 1);
+    ASSERT_EQ(text, top.text);
+    ASSERT_EQ(object_at(object), top.object);
     if (!pops) return;
     last_taken_ = text;
-    model_.clear();
-    for (size_t i = 0; i + 1 < all.size(); ++i) model_.add(all[i].text, all[i].object);
+    model_.remove_last();
   }
 
   void reset() {
