@@ -1,11 +1,7 @@
 #include <tarncluster_util.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <fstream>
-#include <iostream>
-#include <thread>
 
 #include "progress_bar.h"
 #include "report.h"
@@ -57,45 +53,17 @@ void check_transfer(const Text &reply, const std::string &what) {
   if (reply && Parse_Cluster_Cmd_Status(reply.get(), &status) == 0) check(status, what);
 }
 
-// A bar on the terminal while a transfer runs, from the percentage that is kept in a file. Nothing where standard error
-// is no terminal.
-class Progress_Bar {
- public:
-  explicit Progress_Bar(std::string file) : file_(std::move(file)) {
-    if (has_terminal()) drawer_ = std::thread([this] { draw_until_done(); });
-  }
-  ~Progress_Bar() {
-    done_ = true;
-    if (drawer_.joinable()) drawer_.join();
-  }
-  Progress_Bar(const Progress_Bar &) = delete;
-  Progress_Bar &operator=(const Progress_Bar &) = delete;
-
- private:
-  void draw_until_done() const {
-    while (!done_) {
-      draw();
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    }
-    draw();
-    end_bar();
-  }
-  void draw() const {
-    int percent = 0;
-    std::ifstream(file_) >> percent;
-    draw_bar(percent);
-  }
-
-  const std::string file_;
-  std::atomic<bool> done_ = false;
-  std::thread drawer_;
-};
+int percent_in(const std::string &file) {
+  int percent = 0;
+  std::ifstream(file) >> percent;
+  return percent;
+}
 
 // The file for the percentage: the caller's, or one for the bar alone.
 class Progress_File {
  public:
   explicit Progress_File(const std::string &given) : path_(given) {
-    if (!given.empty() || !has_terminal()) return;
+    if (!given.empty() || !shows_progress()) return;
     char folder[] = "/tmp/tarncluster-XXXXXX";
     if (mkdtemp(folder) == nullptr) return;
     folder_ = folder;
@@ -123,7 +91,7 @@ void move_file(Transfer transfer, const Arguments &arguments, bool as_json) {
   char *text = nullptr;
   int status = 0;
   {
-    const Progress_Bar bar(file.path());
+    const Progress_Bar bar([&] { return percent_in(file.path()); });
     status = transfer(route.mode, route.id.c_str(), arguments.source.c_str(), arguments.destination.c_str(), progress,
                       &text);
   }

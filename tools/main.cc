@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "report.h"
+#include "utf8.h"
 
 namespace {
 
@@ -17,6 +18,16 @@ void report_to_standard_error(int level) {
   g_idLogLevel = level;
 }
 
+// What is wrong with a call, and where to read how it is meant.
+std::string misuse(const CLI::App *app, const CLI::Error &error) {
+  std::string command = app->get_name();
+  while (!app->get_subcommands().empty()) {
+    app = app->get_subcommands().front();
+    command += " " + app->get_name();
+  }
+  return "tarncluster: " + std::string(error.what()) + "\nSee: " + command + " --help\n";
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -25,7 +36,8 @@ int main(int argc, char **argv) {
   app.footer(
       "Example: tarncluster conf get /etc/config/smb.conf global workgroup\n\nExit status: 0, or 1 with the reason on "
       "standard error.");
-  app.failure_message(CLI::FailureMessage::help);
+  app.failure_message(misuse);
+  app.set_version_flag("--version", "tarncluster " TARN_VERSION);
   tool::Settings settings;
   app.add_flag("--json", settings.json, "Print JSON for programs instead of text for people");
   int verbosity = 0;
@@ -38,8 +50,12 @@ int main(int argc, char **argv) {
   tool::add_member_commands(app, settings);
   tool::add_cluster_commands(app, settings);
   tool::add_share_commands(app, settings);
+  tool::add_discovery_commands(app, settings);
   tool::add_backup_commands(app, settings);
+  tool::add_settings_commands(app, settings);
   tool::add_network_commands(app, settings);
+  tool::add_tree_commands(app, settings);
+  tool::add_volume_commands(app, settings);
   tool::add_lock_commands(app);
   tool::add_completion_command(app);
 
@@ -48,7 +64,7 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? 0 : 1;
   } catch (const std::exception &error) {
-    std::cerr << "tarncluster: " << error.what() << "\n";
+    std::cerr << "tarncluster: " << tool::printable(error.what()) << "\n";
     return 1;
   }
   return 0;

@@ -1,34 +1,22 @@
 #include <tarncluster_util.h>
 
-#include <unistd.h>
-
-#include <charconv>
-#include <cstddef>
+#include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 
-#include "report.h"
+#include "discovery.h"
+#include "listing.h"
+#include "password.h"
+#include "record_fields.h"
 
 namespace tool {
 namespace {
 
 using Record = Tarn_Serv_Conf;
 
-struct Member_Field {
-  const char *name;
-  unsigned bit;
-  enum class Kind { int32, int64, text } kind;
-  size_t offset;
-  size_t size;
-};
+#define MEMBER_FIELD(field, bit, kind) TOOL_RECORD_FIELD(Record, field, bit, kind)
 
-using enum Member_Field::Kind;
-
-#define MEMBER_FIELD(field, bit, kind) \
-  { #field, bit, kind, offsetof(Record, field), sizeof(Record::field) }
-
-constexpr Member_Field member_fields[] = {
+constexpr Record_Field member_fields[] = {
     MEMBER_FIELD(HostName, TARN_SERV_HOST_NAME, text),
     MEMBER_FIELD(Address, TARN_SERV_ADDRESS, text),
     MEMBER_FIELD(ID, TARN_SERV_ID, int32),
@@ -55,68 +43,19 @@ constexpr Member_Field member_fields[] = {
 
 #undef MEMBER_FIELD
 
+template <size_t size>
+std::string bounded(const char (&field)[size]) {
+  return {field, strnlen(field, size)};  // a field may be full, without an end
+}
+
 std::string name_of(const Record &record) {
-  return {record.Name, strnlen(record.Name, sizeof record.Name)};
-}
-
-std::string value_of(const Record &record, const Member_Field &field) {
-  const char *bytes = reinterpret_cast<const char *>(&record) + field.offset;
-  if (field.kind == text) return {bytes, strnlen(bytes, field.size)};
-  int64_t wide = 0;
-  int32_t narrow = 0;
-  if (field.kind == int32) {
-    std::memcpy(&narrow, bytes, sizeof narrow);
-    wide = narrow;
-  } else {
-    std::memcpy(&wide, bytes, sizeof wide);
-  }
-  return std::to_string(wide);
-}
-
-template <typename Number>
-void put_number(char *place, const std::string &value, const char *name) {
-  Number number = 0;
-  const char *end = value.data() + value.size();
-  const auto [stop, error] = std::from_chars(value.data(), end, number);
-  if (error != std::errc() || stop != end) throw Failure(value + " is no number for " + name);
-  std::memcpy(place, &number, sizeof number);
-}
-
-void put_value(Record *record, const Member_Field &field, const std::string &value) {
-  char *place = reinterpret_cast<char *>(record) + field.offset;
-  if (field.kind == int32) {
-    put_number<int32_t>(place, value, field.name);
-  } else if (field.kind == int64) {
-    put_number<int64_t>(place, value, field.name);
-  } else {
-    if (value.size() >= field.size) {
-      throw Failure(std::string(field.name) + " takes at most " + std::to_string(field.size - 1) + " characters");
-    }
-    std::memcpy(place, value.c_str(), value.size() + 1);
-  }
-  record->fields |= field.bit;
-}
-
-// Puts "KEY=VALUE" into the record.
-void assign(Record *record, const std::string &assignment) {
-  const size_t equals = assignment.find('=');
-  if (equals == assignment.npos) throw Failure(assignment + " is not of the form KEY=VALUE");
-  for (const Member_Field &field : member_fields) {
-    if (assignment.compare(0, equals, field.name) == 0) return put_value(record, field, assignment.substr(equals + 1));
-  }
-  throw Failure("a member has no key " + assignment.substr(0, equals));
+  return bounded(record.Name);
 }
 
 Json to_json(const Record &record) {
   Json object(json_object_new_object());
   json_object_object_add(object.get(), "Name", json_object_new_string(name_of(record).c_str()));
-  for (const Member_Field &field : member_fields) {
-    if ((record.fields & field.bit) == 0) continue;
-    const std::string value = value_of(record, field);
-    json_object_object_add(
-        object.get(), field.name,
-        field.kind == text ? json_object_new_string(value.c_str()) : json_object_new_int64(std::stoll(value)));
-  }
+  add_to_json(object.get(), &record, record.fields, member_fields);
   return object;
 }
 
@@ -127,11 +66,11 @@ void list_members(const std::string &file, bool as_json) {
   check(Tarn_Cluster_Serv_Conf_Read(file.c_str(), &first), "cannot read " + file);
   const Records records(first, Release_Serv_List_Conf);
   Json list(json_object_new_array());
-  std::vector<std::vector<std::string>> rows;
+  Rows rows;
   for (const Record *record = first; record != nullptr; record = record->next) {
     json_object_array_add(list.get(), to_json(*record).release());
-    rows.push_back({name_of(*record), record->HostName, record->Address, std::to_string(record->Status), record->Model,
-                    std::string(record->Firmware, strnlen(record->Firmware, sizeof record->Firmware))});
+    rows.push_back({name_of(*record), bounded(record->HostName), bounded(record->Address),
+                    std::to_string(record->Status), bounded(record->Model), bounded(record->Firmware)});
   }
   if (as_json) {
     print_json(list);
@@ -148,10 +87,8 @@ void show_member(const std::string &file, const std::string &name, bool as_json)
     print_json(to_json(*found));
     return;
   }
-  std::vector<std::vector<std::string>> rows = {{"Name", name_of(*found)}};
-  for (const Member_Field &field : member_fields) {
-    if ((found->fields & field.bit) != 0) rows.push_back({field.name, value_of(*found, field)});
-  }
+  Rows rows = rows_of(found, found->fields, member_fields);
+  rows.insert(rows.begin(), {"Name", name_of(*found)});
   print_table({"KEY", "VALUE"}, rows);
 }
 
@@ -161,42 +98,75 @@ void set_member(const std::string &file, const std::string &name, const std::vec
   if (name.empty() || name.size() >= sizeof record.Name) throw Failure("a member's name has 1 to 8 characters");
   std::memcpy(record.Name, name.c_str(), name.size() + 1);
   record.fields = TARN_SERV_NAME;
-  for (const std::string &assignment : assignments) assign(&record, assignment);
+  for (const std::string &assignment : assignments) {
+    assign(&record, &record.fields, member_fields, assignment, "a member");
+  }
   check(Tarn_Cluster_Service_Set(file.c_str(), name.c_str(), &record), "cannot set " + name + " in " + file);
 }
 
-// A password stands in no list of processes: it comes from the terminal, a file or standard input ("-").
-std::string read_password(const std::string &file) {
-  if (file.empty()) {
-    const char *typed = getpass("Password: ");
-    if (typed == nullptr) throw Failure("no terminal to ask for the password; give --password-file");
-    return typed;
-  }
-  std::ifstream opened;
-  if (file != "-") opened.open(file);
-  std::istream &source = file == "-" ? std::cin : opened;
-  std::string password;
-  if (!std::getline(source, password)) throw Failure("cannot read a password from " + file);
-  return password;
-}
+// ------------------------------------------------------------------------------------------------- joining and leaving
 
 struct New_Member {
-  std::string address, user = "admin", password_file;
+  std::string appliance, user = "admin", password_file;
   int port = 0;
+  bool is_discovered = false, takes_all = false;
 };
 
-void add_member(const New_Member &member, bool as_json) {
-  const std::string password = read_password(member.password_file);
+std::vector<Appliance> appliances_of(const New_Member &wanted) {
+  if (wanted.is_discovered) return pick_appliances(announced_appliances(), wanted.appliance, wanted.takes_all);
+  if (wanted.appliance.empty()) throw Failure("say which appliance: its address, or --discovered");
+  return {{"", wanted.appliance, wanted.port, false}};
+}
+
+Json add_appliance(const Appliance &appliance, const New_Member &wanted, const std::string &password) {
   char *reply = nullptr;
   const int status =
-      Tarn_Cluster_Add_Slave(member.address.c_str(), member.port, member.user.c_str(), password.c_str(), &reply);
-  const std::string what = "cannot add " + member.address;
-  if (as_json) return check_reply(status, reply, what, as_json);
-  const Text owner(reply);
-  check(status, what);
-  const Json object(json_tokener_parse(reply != nullptr ? reply : ""));
+      Tarn_Cluster_Add_Slave(appliance.address.c_str(), appliance.port, wanted.user.c_str(), password.c_str(), &reply);
+  const std::string what = "cannot add " + appliance.address;
+  if (status == -EEXIST) throw Failure(what + ": it is a member of a cluster already (-17)");
+  return take_reply(status, reply, what);
+}
+
+std::string id_in(const Json &reply) {
   json_object *id = nullptr;
-  if (json_object_object_get_ex(object.get(), "slave_id", &id)) std::cout << json_object_get_string(id) << "\n";
+  return json_object_object_get_ex(reply.get(), "slave_id", &id) ? json_object_get_string(id) : "";
+}
+
+// One that cannot be added does not keep the others out.
+void add_all(const std::vector<Appliance> &appliances, const New_Member &wanted, const std::string &password,
+             bool as_json) {
+  Json list(json_object_new_array());
+  Rows rows;
+  std::string failures;
+  for (const Appliance &appliance : appliances) {
+    try {
+      Json reply = add_appliance(appliance, wanted, password);
+      rows.push_back({appliance.host, appliance.address, id_in(reply)});
+      json_object_object_add(reply.get(), "host", json_object_new_string(appliance.host.c_str()));
+      json_object_object_add(reply.get(), "address", json_object_new_string(appliance.address.c_str()));
+      json_object_array_add(list.get(), reply.release());
+    } catch (const Failure &failure) {
+      failures += (failures.empty() ? "" : "; ") + std::string(failure.what());
+    }
+  }
+  if (as_json) {
+    print_json(list);
+  } else {
+    print_table({"HOST", "ADDRESS", "NAME"}, rows);
+  }
+  if (!failures.empty()) throw Failure(failures);
+}
+
+void add_member(const New_Member &wanted, bool as_json) {
+  const std::vector<Appliance> appliances = appliances_of(wanted);  // before the password is asked for
+  const std::string password = read_password(wanted.password_file);
+  if (wanted.takes_all) return add_all(appliances, wanted, password, as_json);
+  const Json reply = add_appliance(appliances.front(), wanted, password);
+  if (as_json) {
+    print_json(reply);
+  } else {
+    std::cout << id_in(reply) << "\n";
+  }
 }
 
 void remove_member(const std::string &name, bool as_json) {
@@ -211,6 +181,26 @@ struct Arguments {
   std::vector<std::string> assignments;
 };
 
+void add_add_command(CLI::App *member, const Settings &settings) {
+  auto wanted = std::make_shared<New_Member>();
+  CLI::App *add = member->add_subcommand("add", "Add an appliance to the cluster, as a slave; on the master");
+  CLI::Option *appliance = add->add_option(
+      "ADDRESS", wanted->appliance, "The appliance's address; with --discovered its host name or address, or nothing");
+  CLI::Option *port = add->add_option("--port", wanted->port, "The port of its service (62695)");
+  add->add_option("--user", wanted->user, "Its administrator")->capture_default_str();
+  add->add_option("--password-file", wanted->password_file, password_file_help);
+  CLI::Option *discovered = add->add_flag("--discovered", wanted->is_discovered,
+                                          "Take it from what \"browse\" finds: the one that is named, or the only one");
+  add->add_flag("--all", wanted->takes_all, "With --discovered: all that are in no cluster")
+      ->needs(discovered)
+      ->excludes(appliance);
+  discovered->excludes(port);
+  add->footer(
+      "Prints the new slave's id; with --all, a table.\n\nExample: tarncluster member add 10.77.0.12 --user admin\n"
+      "         tarncluster member add --discovered nas2");
+  add->callback([wanted, &settings] { add_member(*wanted, settings.json); });
+}
+
 }  // namespace
 
 void add_member_commands(CLI::App &app, const Settings &settings) {
@@ -219,15 +209,7 @@ void add_member_commands(CLI::App &app, const Settings &settings) {
   auto arguments = std::make_shared<Arguments>();
   member->add_option("--file", arguments->file, "The service file")->capture_default_str();
 
-  auto fresh = std::make_shared<New_Member>();
-  CLI::App *add = member->add_subcommand("add", "Add an appliance to the cluster, as a slave; on the master");
-  add->add_option("ADDRESS", fresh->address, "The appliance's address")->required();
-  add->add_option("--port", fresh->port, "The port of its service (62695)");
-  add->add_option("--user", fresh->user, "Its administrator")->capture_default_str();
-  add->add_option("--password-file", fresh->password_file,
-                  "A file whose first line is the password; - for standard input. Asked for when left out");
-  add->footer("Prints the new slave's id.\n\nExample: tarncluster member add 10.77.0.12 --user admin");
-  add->callback([fresh, &settings] { add_member(*fresh, settings.json); });
+  add_add_command(member, settings);
 
   CLI::App *leave = member->add_subcommand("remove", "Remove a slave from the cluster; on the master");
   leave->add_option("NAME", arguments->name, "The slave")->required();

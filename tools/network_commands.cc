@@ -1,8 +1,6 @@
 #include <tarncluster_util.h>
 
-#include <iostream>
-
-#include "report.h"
+#include "listing.h"
 
 namespace tool {
 namespace {
@@ -15,45 +13,35 @@ std::string with_prefix(const char *address, unsigned prefix) {
   return address[0] == '\0' ? "" : std::string(address) + "/" + std::to_string(prefix);
 }
 
-Json to_json(const Net_Interface &interface) {
-  Json object(json_object_new_object());
-  const auto put = [&](const char *key, const std::string &value) {
-    json_object_object_add(object.get(), key, json_object_new_string(value.c_str()));
-  };
-  put("name", interface.name);
-  json_object_object_add(object.get(), "up", json_object_new_boolean((interface.flags & up_flag) != 0));
-  put("mac", interface.mac);
-  put("ipv4", with_prefix(interface.ipv4, interface.prefix));
-  Json addresses(json_object_new_array());
+bool is_up(const Net_Interface &interface) {
+  return (interface.flags & up_flag) != 0;
+}
+
+Cell ipv6_cell(const Net_Interface &interface) {
+  Cell cell = {"", Json(json_object_new_array())};
   for (const Net_Ipv6_Addr *entry = interface.ipv6; entry != nullptr; entry = entry->next) {
     const std::string text = with_prefix(entry->address, entry->prefix);
-    json_object_array_add(addresses.get(), json_object_new_string(text.c_str()));
+    cell.text += (cell.text.empty() ? "" : " ") + text;
+    json_object_array_add(cell.json.get(), json_object_new_string(text.c_str()));
   }
-  json_object_object_add(object.get(), "ipv6", addresses.release());
-  return object;
+  return cell;
 }
+
+constexpr Column<Net_Interface> interface_columns[] = {
+    {"INTERFACE", "name", [](const Net_Interface &interface) { return text_cell(interface.name); }},
+    {"STATE", "up", [](const Net_Interface &interface) { return choice_cell(is_up(interface), "up", "down"); }},
+    {"MAC", "mac", [](const Net_Interface &interface) { return text_cell(interface.mac); }},
+    {"IPV4", "ipv4",
+     [](const Net_Interface &interface) { return text_cell(with_prefix(interface.ipv4, interface.prefix)); }},
+    {"IPV6", "ipv6", ipv6_cell},
+};
 
 void list_interfaces(bool as_json) {
   Net_Interface *first = nullptr;
   int count = 0;
   check(Scan_Network_Interface(&first, &count), "cannot list the interfaces");
   const Interfaces interfaces(first, Free_Network_Interface);
-  Json list(json_object_new_array());
-  std::vector<std::vector<std::string>> rows;
-  for (const Net_Interface *interface = first; interface != nullptr; interface = interface->next) {
-    json_object_array_add(list.get(), to_json(*interface).release());
-    std::string ipv6;
-    for (const Net_Ipv6_Addr *entry = interface->ipv6; entry != nullptr; entry = entry->next) {
-      ipv6 += (ipv6.empty() ? "" : " ") + with_prefix(entry->address, entry->prefix);
-    }
-    rows.push_back({interface->name, (interface->flags & up_flag) != 0 ? "up" : "down", interface->mac,
-                    with_prefix(interface->ipv4, interface->prefix), ipv6});
-  }
-  if (as_json) {
-    print_json(list);
-  } else {
-    print_table({"INTERFACE", "STATE", "MAC", "IPV4", "IPV6"}, rows);
-  }
+  print_list(first, interface_columns, as_json);
 }
 
 void send_info(bool as_json) {

@@ -1,29 +1,22 @@
 // A bar on the terminal for work that takes its time.
 #pragma once
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <iostream>
-#include <string>
+#include <functional>
+#include <thread>
 
 namespace tool {
 
-inline bool has_terminal() {
-  return isatty(STDERR_FILENO) == 1;
-}
+// Whether anybody sees a bar: standard error is a terminal, and none of the library's lines go there.
+bool shows_progress();
 
-// Draws over the line that it drew before; nothing where standard error is no terminal.
-inline void draw_bar(int percent) {
-  constexpr int width = 40;
-  if (!has_terminal()) return;
-  const int filled = std::clamp(percent, 0, 100) * width / 100;
-  std::cerr << "\r[" << std::string(filled, '#') << std::string(width - filled, ' ') << "] " << percent << "%"
-            << std::flush;
-}
+// Draws a bar while it lives, from a thread of its own that asks how many percent are done. Nothing where nobody sees
+// it.
+class Progress_Bar {
+ public:
+  explicit Progress_Bar(std::function<int()> percent);
 
-inline void end_bar() {
-  if (has_terminal()) std::cerr << "\n";
-}
+ private:
+  std::jthread drawer_;
+};
 
 }  // namespace tool

@@ -22,6 +22,9 @@ class Failure : public std::runtime_error {
 // platform and is an error, too.
 void check(int status, const std::string &what);
 
+// Throws when a program that the library runs is missing: without it the library finds nothing, and says so to nobody.
+void need_program(const std::string &path);
+
 struct Free {
   void operator()(char *text) const { std::free(text); }
 };
@@ -38,16 +41,18 @@ void print_json(const Json &json);
 // text that it holds.
 void print_reply(int status, char *reply, const std::string &what, bool as_json);
 
-// The same, and throws when the member that carried the command out answered with a failure ("return").
-void check_reply(int status, char *reply, const std::string &what, bool as_json);
+// The reply; throws also when the member that carried the command out answered with a failure ("return").
+Json take_reply(int status, char *reply, const std::string &what);
+void check_reply(int status, char *reply, const std::string &what, bool as_json);  // prints it, as print_reply does
 
 constexpr const char *master_id = "0";
 constexpr const char *members_file = "/mnt/tarncluster/config/tarn_service_s.conf";
 
 // A table for people: columns as wide as their longest cell.
-void print_table(const std::vector<std::string> &titles, const std::vector<std::vector<std::string>> &rows);
+using Rows = std::vector<std::vector<std::string>>;
+void print_table(const std::vector<std::string> &titles, const Rows &rows);
 
-// The commands, by family. Each adds its noun with its verbs.
+// The commands, by family. Each adds its nouns with their verbs.
 struct Settings {
   bool json = false;
 };
@@ -56,8 +61,12 @@ void add_conf_commands(CLI::App &app, const Settings &settings);
 void add_member_commands(CLI::App &app, const Settings &settings);
 void add_cluster_commands(CLI::App &app, const Settings &settings);
 void add_share_commands(CLI::App &app, const Settings &settings);
+void add_discovery_commands(CLI::App &app, const Settings &settings);
 void add_backup_commands(CLI::App &app, const Settings &settings);
+void add_settings_commands(CLI::App &app, const Settings &settings);
 void add_network_commands(CLI::App &app, const Settings &settings);
+void add_tree_commands(CLI::App &app, const Settings &settings);
+void add_volume_commands(CLI::App &app, const Settings &settings);
 void add_lock_commands(CLI::App &app);
 void add_completion_command(CLI::App &app);
 

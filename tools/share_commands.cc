@@ -1,8 +1,6 @@
 #include <tarncluster_util.h>
 
-#include <iostream>
-
-#include "report.h"
+#include "listing.h"
 
 namespace tool {
 namespace {
@@ -11,22 +9,21 @@ using Shares = std::unique_ptr<Tarn_Share_Conf, decltype(&Release_Share_List_Con
 
 constexpr const char *share_folder = "/mnt/tarncluster/config/share_list/";
 
-std::string text_of(const char *list) {
-  return list != nullptr ? list : "";
+// What a share lacks is no value for programs.
+Cell optional_cell(const char *text) {
+  return text != nullptr ? text_cell(text) : Cell{};
 }
 
-Json to_json(const Tarn_Share_Conf &share) {
-  Json object(json_object_new_object());
-  const auto put = [&](const char *key, const char *value) {
-    if (value != nullptr) json_object_object_add(object.get(), key, json_object_new_string(value));
-  };
-  put("name", share.Name);
-  put("path", (share.fields & TARN_SHARE_PATH) != 0 ? share.path : nullptr);
-  put("read list", share.read_list);
-  put("write list", share.write_list);
-  put("invalid users", share.invalid_users);
-  return object;
-}
+constexpr Column<Tarn_Share_Conf> columns[] = {
+    {"SHARE", "name", [](const Tarn_Share_Conf &share) { return text_cell(share.Name); }},
+    {"PATH", "path",
+     [](const Tarn_Share_Conf &share) {
+       return optional_cell((share.fields & TARN_SHARE_PATH) != 0 ? share.path : nullptr);
+     }},
+    {"READ", "read list", [](const Tarn_Share_Conf &share) { return optional_cell(share.read_list); }},
+    {"WRITE", "write list", [](const Tarn_Share_Conf &share) { return optional_cell(share.write_list); }},
+    {"INVALID", "invalid users", [](const Tarn_Share_Conf &share) { return optional_cell(share.invalid_users); }},
+};
 
 void list_shares(const std::string &member, bool as_json) {
   const std::string file = share_folder + member;
@@ -34,18 +31,7 @@ void list_shares(const std::string &member, bool as_json) {
   Tarn_Share_Conf *first = nullptr;
   check(Tarn_Cluster_Share_Conf_Read(file.c_str(), &first), "cannot read the shares of " + member);
   const Shares shares(first, Release_Share_List_Conf);
-  Json list(json_object_new_array());
-  std::vector<std::vector<std::string>> rows;
-  for (const Tarn_Share_Conf *share = first; share != nullptr; share = share->next) {
-    json_object_array_add(list.get(), to_json(*share).release());
-    rows.push_back({share->Name, share->path, text_of(share->read_list), text_of(share->write_list),
-                    text_of(share->invalid_users)});
-  }
-  if (as_json) {
-    print_json(list);
-  } else {
-    print_table({"SHARE", "PATH", "READ", "WRITE", "INVALID"}, rows);
-  }
+  print_list(first, columns, as_json);
 }
 
 void publish_shares(bool as_json) {
