@@ -40,6 +40,7 @@ enum class Wire_Kind : uint32_t {
   command = 32,     // text: command object; more: argument object
   put_file = 33,    // text: path there; number: size; permissions. Answer: text is the session's name
   get_file = 34,    // text: path there. Answer: text is the session's name; number: size; permissions
+  is_at_work = 35,  // text: where a request's answer goes. Answer: 0 while it is being carried out, -ESRCH when not
   piece = 40,       // number: offset; more: bytes
   finish = 41,      // number: length; text: digest
   read_piece = 42,  // number: offset; value: bytes wanted. Answer: more is the bytes

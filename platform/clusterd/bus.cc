@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <system_error>
 
 #include "platform/clusterd/bus_address.h"
@@ -21,6 +22,13 @@ constexpr char kServerName[] = "tarncluster-bus";
 constexpr int kConnectMs = 1000;
 constexpr std::chrono::seconds kLongestAttempt{5};
 constexpr int kInterruptSignal = SIGUSR1;
+
+// A question that is open for so long is checked for the first time, and from then on. Whoever does not answer a check
+// is left alone for longer than the server takes to give up a member that is silent: what is sent to it counts as life.
+constexpr std::chrono::seconds kFirstCheckAfter{1};
+constexpr std::chrono::seconds kCheckEvery{2};
+constexpr std::chrono::seconds kLongestCheck{9};
+
 constexpr int kPingIntervalMs = 2000;  // a bus that moved away without a word is missed after some seconds
 
 int code_of(natsStatus status) {
@@ -50,6 +58,13 @@ int code_of(natsStatus status) {
     default:
       return -EIO;
   }
+}
+
+Wire_Kind kind_of(const natsMsg *message) {
+  Wire_Header header = {};
+  if (natsMsg_GetDataLength(message) >= static_cast<int>(sizeof(header)))
+    memcpy(&header, natsMsg_GetData(message), sizeof(header));
+  return header.kind;
 }
 
 }  // namespace
@@ -140,6 +155,7 @@ void Bus::take_attempt() {
   connector_.join();
   if (attempt->status != NATS_OK) return log_trouble(natsStatus_GetText(attempt->status));
   if (subscribe_requests(attempt->connection) != 0) return;
+  Bus_Poll::flush(attempt->connection.get());  // who sees that it is connected may send a request at once
   {
     const std::scoped_lock lock(mutex_);
     connection_ = attempt->connection;
@@ -203,6 +219,7 @@ void Bus::give_up_connection() {
   {
     const std::scoped_lock lock(mutex_);
     old.swap(connection_);
+    unanswered_.clear();  // the server takes no answer to them from another connection
   }
   ++losses_;
   set_connected(false);
@@ -252,15 +269,12 @@ void Bus::set_connected(bool connected) {
 // ------------------------------------------------------------------------------------------------ the client's
 // callbacks
 
-// What a connection tells that was given up no longer counts.
-bool Bus::is_given_up(natsConnection *connection) const {
-  const Nats_Connection current = this->connection();
-  return current && current.get() != connection;
-}
-
+// What a connection tells that was given up no longer counts, however late it comes: the questions of the next one are
+// not lost. revive() sees one that broke before it was taken.
 void Bus::on_disconnected(natsConnection *connection, void *bus) {
   Bus *self = static_cast<Bus *>(bus);
-  if (self->is_given_up(connection)) return;
+  const std::scoped_lock lock(self->mutex_);
+  if (self->connection_.get() != connection) return;
   ++self->losses_;
   self->set_connected(false);
   self->poll_.wake();  // no question that is open will be answered
@@ -290,12 +304,29 @@ void Bus::take_requests() {
 
 void Bus::on_request(natsMsg *raw) {
   const Nats_Message message(raw, Nats_Release());
+  if (kind_of(raw) == Wire_Kind::is_at_work) {
+    Message question;
+    return answer(message, reply_of(decode_message(message, &question) ? progress_of(question.text) : -EINVAL));
+  }
+  note_request(message);
   std::string sender = kMasterId;
   if (identity_.is_master) {
     const std::string subject = natsMsg_GetSubject(raw);
     sender = subject.substr(subject.rfind('.') + 1);
   }
   receiver_(sender, message);
+}
+
+void Bus::note_request(const Nats_Message &request) {
+  const char *subject = natsMsg_GetReply(request.get());
+  if (subject == nullptr) return;
+  const std::scoped_lock lock(mutex_);
+  unanswered_.insert(subject);
+}
+
+int Bus::progress_of(const std::string &reply_subject) {
+  const std::scoped_lock lock(mutex_);
+  return unanswered_.contains(reply_subject) ? 0 : -ESRCH;
 }
 
 void Bus::take_answers() {
@@ -344,11 +375,16 @@ int Bus::take_inbox(const Nats_Connection &connection, Inbox *inbox) {
 }
 
 int Bus::ask(const std::string &member, const Message &message, Deadline deadline, Answer_Receiver receiver) {
+  return begin_question(member, message, deadline, Clock::now() + kFirstCheckAfter, std::move(receiver));
+}
+
+int Bus::begin_question(const std::string &member, const Message &message, Deadline deadline, Deadline first_check,
+                        Answer_Receiver receiver) {
   if (!fits(message)) return -EMSGSIZE;
   const Nats_Connection connection = this->connection();
   if (!connection || natsConnection_Status(connection.get()) != NATS_CONN_STATUS_CONNECTED) return -ENOTCONN;
 
-  Question question{{}, deadline, losses_, std::move(receiver)};
+  Question question{{}, deadline, losses_, std::move(receiver), member, next_question_++, first_check};
   const int result = take_inbox(connection, &question.inbox);
   if (result != 0) return result;
   const std::string bytes = encode(message);
@@ -361,6 +397,39 @@ int Bus::ask(const std::string &member, const Message &message, Deadline deadlin
   return 0;
 }
 
+// The other member may have died, or been away from the bus, since it took the question: then no answer will come, and
+// whoever asked need not wait until the question's end.
+void Bus::check_questions() {
+  const Deadline now = Clock::now();
+  const size_t count = questions_.size();  // a check is a question as well
+  for (size_t i = 0; i < count; ++i) {
+    if (questions_[i].next_check > now || questions_[i].is_lost) continue;
+    questions_[i].next_check = Deadline::max();  // until it is concluded
+    check(questions_[i]);
+  }
+}
+
+void Bus::check(const Question &question) {
+  Message message;
+  message.kind = Wire_Kind::is_at_work;
+  message.text = question.inbox.subject;
+  const std::string member = question.member;  // the vector may grow meanwhile
+  const uint64_t number = question.number;
+  const auto conclude = [this, number](int code, const Message &answer) { conclude_check(number, code, answer.value); };
+  const int result = begin_question(member, message, Clock::now() + kLongestCheck, Deadline::max(), conclude);
+  if (result != 0) conclude_check(number, result, 0);
+}
+
+// The question's answer may have come before that of the check, so conclude() has the last word.
+void Bus::conclude_check(uint64_t number, int code, int progress) {
+  const Deadline now = Clock::now();
+  for (Question &question : questions_) {
+    if (question.number != number) continue;
+    question.is_lost = code == -EHOSTUNREACH || (code == 0 && progress == -ESRCH);
+    question.next_check = question.is_lost || code == -ETIME ? now : now + kCheckEvery;
+  }
+}
+
 // True when it has its answer, or will have none.
 bool Bus::conclude(Question *question) {
   natsMsg *raw = nullptr;
@@ -368,7 +437,7 @@ bool Bus::conclude(Question *question) {
   const Nats_Message received(raw, Nats_Release());
   int code = code_of(status);
   if (status == NATS_TIMEOUT) {
-    if (question->losses != losses_) {
+    if (question->losses != losses_ || question->is_lost) {
       code = -ECONNRESET;
     } else if (question->deadline > Clock::now()) {
       return false;
@@ -386,12 +455,14 @@ bool Bus::conclude(Question *question) {
 
 Deadline Bus::next_deadline() const {
   Deadline next = Deadline::max();
-  for (const Question &question : questions_) next = std::min(next, question.deadline);
+  for (const Question &question : questions_) next = std::min({next, question.deadline, question.next_check});
   return next;
 }
 
 void Bus::end_late_questions() {
-  if (next_deadline() <= Clock::now()) take_answers();
+  if (next_deadline() > Clock::now()) return;
+  check_questions();
+  take_answers();
 }
 
 void Bus::answer(const Nats_Message &request, const Message &message) {
@@ -403,6 +474,10 @@ void Bus::answer(const Nats_Message &request, const Message &message) {
       natsConnection_Publish(connection.get(), subject, bytes.data(), static_cast<int>(bytes.size()));
   if (status != NATS_OK) log_line("an answer was lost: %s", natsStatus_GetText(status));
   flush(connection);
+  {
+    const std::scoped_lock lock(mutex_);
+    unanswered_.erase(subject);  // not before it is on its way
+  }
   free_later(request);
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -105,7 +106,8 @@ class Bus {
   int request(const std::string &member, const Message &message, Deadline deadline, Message *answer);
 
   // The same without waiting, on the loop's thread: process() calls the receiver with the code and the answer. A code
-  // other than 0 that is answered here is final, and the receiver is not called.
+  // other than 0 that is answered here is final, and the receiver is not called. The member is asked now and then
+  // whether it is still at work: when it is gone, or knows of nothing, the code is -ECONNRESET.
   using Answer_Receiver = std::function<void(int code, Message &&answer)>;
   int ask(const std::string &member, const Message &message, Deadline deadline, Answer_Receiver receiver);
 
@@ -119,7 +121,7 @@ class Bus {
   void answer(const Nats_Message &request, const Message &message);
 
   // The client frees messages on a thread of its own, which is woken for each. Small ones are kept until this is
-  // called, when nothing else is to be done.
+  // called, now and then.
   void free_messages() { spent_.clear(); }
 
   // Channels of a file transfer, for the asking and the answering side; the session's name is the answering side's.
@@ -143,6 +145,10 @@ class Bus {
     Deadline deadline;
     uint64_t losses;
     Answer_Receiver receiver;
+    std::string member;
+    uint64_t number;
+    Deadline next_check;
+    bool is_lost = false;
   };
   static constexpr size_t kInboxesKept = 16;
   static constexpr size_t kMessagesKept = 64;
@@ -169,14 +175,20 @@ class Bus {
   void flush(const Nats_Connection &connection);
   int take_inbox(const Nats_Connection &connection, Inbox *inbox);
   void free_later(const Nats_Message &message);
+  int begin_question(const std::string &member, const Message &message, Deadline deadline, Deadline first_check,
+                     Answer_Receiver receiver);
+  void check_questions();
+  void check(const Question &question);
+  void conclude_check(uint64_t number, int code, int progress);
   bool conclude(Question *question);
+  void note_request(const Nats_Message &request);
+  int progress_of(const std::string &reply_subject);
   void take_requests();
   void take_answers();
   void on_request(natsMsg *raw);
   void set_connected(bool connected);
   void log_trouble(const std::string &trouble);
   void log_trouble_of(natsConnection *connection);
-  bool is_given_up(natsConnection *connection) const;
 
   static void on_disconnected(natsConnection *, void *bus);
   static void on_error(natsConnection *, natsSubscription *, natsStatus status, void *bus);
@@ -186,6 +198,7 @@ class Bus {
   const Receiver receiver_;
   mutable std::mutex mutex_;
   Nats_Connection connection_;
+  std::set<std::string> unanswered_;  // where the answers to the connection's requests are to go
   std::optional<Attempt> attempt_;
   Nats_Owner<natsSubscription> requests_;
   std::atomic<uint64_t> losses_ = 0;
@@ -198,6 +211,7 @@ class Bus {
   Bus_Poll poll_;
   std::thread::id loop_thread_;
   std::vector<Question> questions_;
+  uint64_t next_question_ = 0;
   std::vector<Inbox> free_inboxes_;
   std::vector<Nats_Message> spent_;
 };

@@ -28,6 +28,17 @@ class Digest {
     return {reinterpret_cast<const char *>(bytes), size};
   }
 
+  // The same in hexadecimal digits.
+  std::string finish_as_text() {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const char c : finish()) {
+      text += digits[static_cast<unsigned char>(c) >> 4];
+      text += digits[static_cast<unsigned char>(c) & 15];
+    }
+    return text;
+  }
+
  private:
   std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context_;
   bool is_good_ = false;

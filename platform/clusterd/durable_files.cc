@@ -53,6 +53,13 @@ bool is_there(const std::string &path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
+std::string state_of_file(const std::string &path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return "none";
+  return std::to_string(status.st_ino) + " " + std::to_string(status.st_size) + " " +
+         std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+}
+
 int make_folder(const std::string &path, mode_t permissions) {
   if (mkdir(path.c_str(), permissions) == 0) {
     // The mask must not take away what is meant.

@@ -11,6 +11,9 @@ namespace tarn::platform {
 
 bool is_there(const std::string &path);
 
+// Something that is another one once the file has changed.
+std::string state_of_file(const std::string &path);
+
 // Each answers 0 or -errno.
 
 // Makes a folder and its parents; parents that it makes are open to all readers.

@@ -1,10 +1,9 @@
-// tarncluster-handler: the process in which the members' command handlers are loaded, and from which one process is
-// forked for each command. A handler that crashes, hangs or writes into foreign memory takes nothing else with it.
+// tarncluster-handler: the process in which the members' command handlers are loaded, and from which the processes are
+// forked that carry the commands out. A handler that crashes or hangs takes nothing else with it.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -21,7 +20,6 @@
 #include "platform/clusterd/handler_orders.h"
 #include "platform/clusterd/io.h"
 #include "platform/clusterd/log.h"
-#include "platform/clusterd/warm_memory.h"
 #include "tarncluster_util.h"
 
 namespace tarn::platform {
@@ -29,15 +27,15 @@ namespace {
 
 using Handler = char *(*)(const char *argument);
 
-// More processes than this hold up the machine, even if each gives way to whatever else is at work.
-constexpr size_t kAtEase = 16;
+// A process ends after so many commands, and with it what their handlers may have left in its memory.
+constexpr int kCommandsOfProcess = 100;
 
 struct Running {
   uint64_t id;
   Descriptor socket;
 };
 
-// ------------------------------------------------------------------------------------------ the process of one command
+// ------------------------------------------------------------------------------------------ the process of a command
 
 // The library itself must define the function: dlsym would also find it in what the library is linked with.
 Handler find_handler(const std::vector<void *> &libraries, const char *name) {
@@ -70,38 +68,33 @@ int keep_only(int fd) {
   return fcntl(kHandlerOrdersFd, F_SETFD, FD_CLOEXEC) == 0 ? 0 : -errno;
 }
 
-// While the machine has anything else to do, it does that first: what wakes up takes the processor at once.
-void give_way() {
-  const sched_param none = {};
-  sched_setscheduler(0, SCHED_IDLE, &none);
+// As the subreaper it also has what its children left behind. Such a process takes no further command: what runs on
+// must not end with the group of a command that is late.
+bool has_children() {
+  return waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
 }
 
-void give_way_no_longer(pid_t pid = 0) {
-  const sched_param none = {};
-  sched_setscheduler(pid, SCHED_OTHER, &none);
+// True when the process can take a further one.
+bool serve_one(const std::vector<void *> &libraries) {
+  const Deadline no_deadline = deadline_after(0);
+  Message request;
+  if (receive_message(kHandlerOrdersFd, &request, no_deadline) != 0) return false;
+  const Message answer = answer_command(libraries, request);
+  return send_message(kHandlerOrdersFd, answer, no_deadline) == 0 && answer.value == 0 && !has_children();
 }
 
-// Until its command comes, a process that was forked ahead gives way to whatever is at work. False when nobody wants it
-// any more.
-bool prepare_for_command(const Warm_Memory &memory) {
-  memory.warm();
-  give_way_no_longer();
-  return send_exactly(kHandlerOrdersFd, kReady, deadline_after(0)) == 0;
-}
-
-[[noreturn]] void serve_command(const std::vector<void *> &libraries, int fd, const Warm_Memory *memory) {
+[[noreturn]] void serve_commands(const std::vector<void *> &libraries, int fd) {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
 
-  Message request;
-  const Deadline no_deadline = deadline_after(0);
-  if (keep_only(fd) == 0 && (memory == nullptr || prepare_for_command(*memory)) &&
-      receive_message(kHandlerOrdersFd, &request, no_deadline) == 0) {
-    send_message(kHandlerOrdersFd, answer_command(libraries, request), no_deadline);
-    give_way();
+  int left = keep_only(fd) == 0 ? kCommandsOfProcess : 0;
+  while (left > 0 && serve_one(libraries)) {
+    fflush(nullptr);
+    if (--left > 0 && send_exactly(kHandlerOrdersFd, kReady, deadline_after(0)) != 0) break;
   }
   fflush(nullptr);
   _exit(0);
@@ -111,21 +104,19 @@ bool prepare_for_command(const Warm_Memory &memory) {
 
 class Host {
  public:
-  explicit Host(std::vector<void *> libraries) : libraries_(std::move(libraries)) { memory_.find_mappings(); }
+  explicit Host(std::vector<void *> libraries) : libraries_(std::move(libraries)) {}
 
   // Returns when the service is gone.
   int serve();
 
  private:
   bool take_order();
-  void start_command(uint64_t id, Descriptor socket, bool is_ahead);
+  void start_process(uint64_t id, Descriptor socket);
   void end_command(uint64_t id);
-  void hurry_the_leaving();
   void reap_commands();
   void kill_all();
 
   const std::vector<void *> libraries_;
-  Warm_Memory memory_;
   std::map<pid_t, Running> running_;
 };
 
@@ -172,20 +163,14 @@ bool Host::take_order() {
     memcpy(&fd, CMSG_DATA(rights), sizeof(fd));
     socket = Descriptor(fd);
   }
-  if (order.kind == Handler_Order_Kind::run) start_command(order.id, std::move(socket), false);
-  if (order.kind == Handler_Order_Kind::prepare) {
-    pollfd orders = {kHandlerOrdersFd, POLLIN, 0};
-    if (poll(&orders, 1, 0) == 0) give_way();  // an order that waits behind this one may be urgent
-    start_command(order.id, std::move(socket), true);
-    give_way_no_longer();
-  }
+  if (order.kind == Handler_Order_Kind::run) start_process(order.id, std::move(socket));
   if (order.kind == Handler_Order_Kind::end) end_command(order.id);
   return true;
 }
 
-void Host::start_command(uint64_t id, Descriptor socket, bool is_ahead) {
+void Host::start_process(uint64_t id, Descriptor socket) {
   const pid_t pid = fork();
-  if (pid == 0) serve_command(libraries_, socket.get(), is_ahead ? &memory_ : nullptr);
+  if (pid == 0) serve_commands(libraries_, socket.get());
   if (pid < 0) {
     log_line("cannot start a process (%d)", errno);
     send_message(socket.get(), reply_of(-EAGAIN), deadline_after(1000));
@@ -193,14 +178,6 @@ void Host::start_command(uint64_t id, Descriptor socket, bool is_ahead) {
   }
   setpgid(pid, pid);  // both sides do it: whichever comes first
   running_[pid] = {id, std::move(socket)};
-  if (running_.size() > kAtEase) hurry_the_leaving();
-}
-
-// Those that the service has done with: all that they still do is to end.
-void Host::hurry_the_leaving() {
-  for (const auto &[pid, command] : running_) {
-    if (has_hung_up(command.socket.get())) give_way_no_longer(pid);
-  }
 }
 
 // The process has not been waited for, so its number still means it and its group.

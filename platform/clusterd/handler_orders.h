@@ -1,8 +1,8 @@
 // What the cluster service tells its handler host over their socket pair, one order per packet.
 //
-// The host is a small process that has the handlers' libraries loaded. For each command it forks a process of its own,
-// which reads the command from the socket that came with the order, runs the handler and answers on that socket. A
-// process that is forked ahead of its command says so with one byte on the socket when it is ready to take it.
+// The host is a small process that has the handlers' libraries loaded. For a command it forks a process, which reads
+// the command from the socket that came with the order, runs the handler and answers on that socket. A process that can
+// take a further command says so with one byte behind its answer; else it ends.
 #ifndef TARN_PLATFORM_CLUSTERD_HANDLER_ORDERS_H
 #define TARN_PLATFORM_CLUSTERD_HANDLER_ORDERS_H
 
@@ -16,10 +16,10 @@ constexpr int kHandlerOrdersFd = 3;
 
 constexpr std::string_view kReady = "r";
 
-enum class Handler_Order_Kind : uint32_t { run = 1, end = 2, prepare = 3 };
+enum class Handler_Order_Kind : uint32_t { run = 1, end = 2 };
 
 struct Handler_Order {
-  Handler_Order_Kind kind;  // run and prepare come with the command's socket; end kills the command's process group
+  Handler_Order_Kind kind;  // run comes with the command's socket; end kills the command's process group
   uint32_t reserved;
   uint64_t id;
 };

@@ -1,6 +1,5 @@
 #include "platform/clusterd/handler_runner.h"
 
-#include <sched.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -86,22 +85,7 @@ int Handler_Runner::start() {
 void Handler_Runner::rest() {
   const std::scoped_lock lock(mutex_);
   // Each ends when it sees its socket closed.
-  if (is_resting()) in_waiting_.clear();
-}
-
-Handler_Runner::Need Handler_Runner::need_of_processes() {
-  const std::scoped_lock lock(mutex_);
-  if (!orders_ || in_waiting_.size() >= kInWaiting || is_resting()) return Need::none;
-  return in_waiting_.empty() ? Need::urgent : Need::some;
-}
-
-void Handler_Runner::prepare() {
-  const std::scoped_lock lock(mutex_);
-  while (orders_ && in_waiting_.size() < kInWaiting) {
-    Process process;
-    if (fork_process(Handler_Order_Kind::prepare, &process) != 0) return;
-    in_waiting_.push_back(std::move(process));
-  }
+  if (Clock::now() - last_command_ > kIdleLife) in_waiting_.clear();
 }
 
 int Handler_Runner::spawn_host(int orders_fd) {
@@ -152,14 +136,14 @@ void Handler_Runner::stop() {
   host_ = 0;
 }
 
-int Handler_Runner::fork_process(Handler_Order_Kind kind, Process *process) {
+int Handler_Runner::fork_process(Process *process) {
   if (!orders_) return -EPIPE;
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
   process->socket = Descriptor(pair[0]);
   const Descriptor theirs(pair[1]);
   process->id = next_id_++;
-  return send_order(orders_.get(), {kind, 0, process->id}, theirs.get());
+  return send_order(orders_.get(), {Handler_Order_Kind::run, 0, process->id}, theirs.get());
 }
 
 // One that is not ready yet is left where it is.
@@ -183,19 +167,18 @@ bool Handler_Runner::take_waiting_process(Process *process) {
 int Handler_Runner::take_process(Process *process) {
   const std::scoped_lock lock(mutex_);
   if (take_waiting_process(process)) return 0;
-  hurry_host();
-  return fork_process(Handler_Order_Kind::run, process) == 0 ? 0 : -EAGAIN;
+  return fork_process(process) == 0 ? 0 : -EAGAIN;
 }
 
-// It may be at work for later commands, and give way to whatever else is; not any longer.
-void Handler_Runner::hurry_host() {
-  const sched_param none = {};
-  if (host_ > 0) sched_setscheduler(host_, SCHED_OTHER, &none);
+// It says itself whether it can take a further command; the one used last comes first, for its memory is the warmest.
+void Handler_Runner::keep_process(Running *running) {
+  const std::scoped_lock lock(mutex_);
+  if (orders_ && in_waiting_.size() < kInWaiting)
+    in_waiting_.insert(in_waiting_.begin(), {running->id_, std::move(running->socket_)});
 }
 
 void Handler_Runner::send_end(uint64_t id) {
   const std::scoped_lock lock(mutex_);
-  hurry_host();
   if (orders_) send_order(orders_.get(), {Handler_Order_Kind::end, 0, id}, -1);
 }
 
@@ -216,12 +199,14 @@ bool Handler_Runner::begin(const std::string &name, const std::string &argument,
   return true;
 }
 
-int Handler_Runner::finish(const Running &running, Deadline deadline, std::string *reply) {
+int Handler_Runner::finish(Running *running, Deadline deadline, std::string *reply) {
   Message answer;
-  const int result = receive_message(running.socket(), &answer, deadline);
-  if (result != 0) return conclude(running, result);
-  if (answer.value == 0) *reply = std::move(answer.text);
-  return answer.value;
+  const int result = receive_message(running->socket(), &answer, deadline);
+  if (result != 0) return conclude(*running, result);
+  if (answer.value != 0) return answer.value;
+  *reply = std::move(answer.text);
+  keep_process(running);
+  return 0;
 }
 
 int Handler_Runner::conclude(const Running &running, int result) {
@@ -248,7 +233,7 @@ int Handler_Runner::run(const std::string &name, const std::string &argument, De
   running.socket_ = std::move(process.socket);
   running.name_ = name;
   result = send_message(running.socket(), order_of(name, argument), deadline);
-  return result == 0 ? finish(running, deadline, reply) : conclude(running, result);
+  return result == 0 ? finish(&running, deadline, reply) : conclude(running, result);
 }
 
 }  // namespace tarn::platform

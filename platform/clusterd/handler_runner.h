@@ -1,4 +1,5 @@
-// Runs command handlers in processes of their own, through the handler host.
+// Runs command handlers in processes of their own, through the handler host. A process carries out one command at a
+// time; one that answered well, and of which nothing else runs, is kept for a while for the commands to come.
 #ifndef TARN_PLATFORM_CLUSTERD_HANDLER_RUNNER_H
 #define TARN_PLATFORM_CLUSTERD_HANDLER_RUNNER_H
 
@@ -47,16 +48,10 @@ class Handler_Runner {
   // something has come at the command's socket, or its deadline has passed, finish() is to be called; it may wait for
   // the rest of a long answer.
   bool begin(const std::string &name, const std::string &argument, Running *running);
-  int finish(const Running &running, Deadline deadline, std::string *reply);
+  int finish(Running *running, Deadline deadline, std::string *reply);
 
   // Starts the host when it does not run. Answers 0 or -errno.
   int start();
-
-  // Has processes forked that wait for the commands to come, so that the next command need not wait for its fork. To be
-  // called when nobody waits for it; without need when there are enough, or no command has come for a while.
-  void prepare();
-  enum class Need { none, some, urgent };
-  Need need_of_processes();
 
   // Ends the processes in waiting when no command has come for a while; to be called now and then.
   void rest();
@@ -70,7 +65,7 @@ class Handler_Runner {
  private:
   static constexpr int kHandlersAtOnce = 64;
   static constexpr size_t kInWaiting = 4;
-  static constexpr std::chrono::seconds kIdleLife{1};
+  static constexpr std::chrono::seconds kIdleLife{3};
 
   // A process of the host's that waits for its command.
   struct Process {
@@ -80,12 +75,11 @@ class Handler_Runner {
 
   int spawn_host(int orders_fd);
   // To be called with the lock.
-  int fork_process(Handler_Order_Kind kind, Process *process);
+  int fork_process(Process *process);
   bool take_waiting_process(Process *process);
-  void hurry_host();
-  bool is_resting() const { return Clock::now() - last_command_ > kIdleLife; }
 
   int take_process(Process *process);
+  void keep_process(Running *running);
   void send_end(uint64_t id);
   int conclude(const Running &running, int result);
 

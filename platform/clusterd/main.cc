@@ -12,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/clusterd/announcement.h"
 #include "platform/clusterd/appliance_certificate.h"
+#include "platform/clusterd/backup_folders.h"
 #include "platform/clusterd/bus.h"
 #include "platform/clusterd/command_router.h"
 #include "platform/clusterd/durable_files.h"
@@ -37,11 +39,6 @@ namespace {
 
 constexpr int kReviveEveryMs = 1000;
 
-// The other member's program has its answer by then, most likely; until then the processor has better things to do than
-// to fork processes for the commands to come.
-constexpr std::chrono::microseconds kRefillAfter{300};
-constexpr std::chrono::microseconds kRefillAfterAtWork{5000};  // while a command is being carried out
-
 constexpr size_t kLongestPem = 65536;
 
 struct Options {
@@ -58,7 +55,7 @@ void print_usage() {
       "usage: tarnclusterd [OPTIONS]\n"
       "Runs the cluster service of this appliance in the foreground; SIGTERM ends it. SIGHUP has it look where the "
       "bus\n"
-      "is now. In no cluster yet, it waits for a master that adds it.\n\n"
+      "is now, and at what it announces. In no cluster yet, it waits for a master that adds it.\n\n"
       "  --socket PATH           where programs give their commands (%s)\n"
       "  --bus-folder FOLDER     bus.conf, ca.crt, member.crt, member.key (%s)\n"
       "  --partial-folder FOLDER links to the files that are being received (%s)\n"
@@ -67,8 +64,10 @@ void print_usage() {
       "  --handler-host PROGRAM  the program that loads them (tarncluster-handler beside this one)\n"
       "  --listener-port PORT    where appliances reach one another by TLS outside the bus (%d)\n"
       "  --authority FOLDER      where the master keeps the cluster's authority (%s)\n"
-      "  --setup PROGRAM         the program that keeps it (tarncluster-setup beside this one)\n",
-      kSocketPath, Bus_Files().folder.c_str(), Options().partial_folder.c_str(), kListenerPort, kAuthorityFolder);
+      "  --setup PROGRAM         the program that keeps it (tarncluster-setup beside this one)\n"
+      "  --announcement FILE     by which avahi-daemon announces this appliance (%s)\n",
+      kSocketPath, Bus_Files().folder.c_str(), Options().partial_folder.c_str(), kListenerPort, kAuthorityFolder,
+      kAnnouncementFile);
 }
 
 std::string own_folder() {
@@ -89,6 +88,7 @@ void complete(Options *options) {
   membership.bus_folder = options->bus.folder;
   membership.run_folder = run_folder;
   if (membership.authority_folder.empty()) membership.authority_folder = kAuthorityFolder;
+  if (membership.announcement.empty()) membership.announcement = kAnnouncementFile;
   if (membership.setup_program.empty()) membership.setup_program = programs + "/tarncluster-setup";
 }
 
@@ -102,6 +102,7 @@ int read_options(int count, char **arguments, Options *options) {
                                  {"listener-port", required_argument, nullptr, 'o'},
                                  {"authority", required_argument, nullptr, 'a'},
                                  {"setup", required_argument, nullptr, 'u'},
+                                 {"announcement", required_argument, nullptr, 'n'},
                                  {"help", no_argument, nullptr, '?'},
                                  {}};
   int name;
@@ -130,6 +131,9 @@ int read_options(int count, char **arguments, Options *options) {
         break;
       case 'u':
         options->membership.setup_program = optarg;
+        break;
+      case 'n':
+        options->membership.announcement = optarg;
         break;
       default:
         print_usage();
@@ -179,6 +183,7 @@ class Service {
         files_(&bus_, partial_files_),
         sessions_(&bus_, partial_files_),
         membership_(make_membership(identity, &bus_, &watch_, options.membership)),
+        announcement_(options.membership.announcement, options.membership.listener_port, identity.is_master),
         listener_(
             options.membership.listener_port, listener_certificate, &watch_,
             [this](Tls_Peer &peer, const Message &request) { peer.send(membership_->answer_visitor(peer, request)); }),
@@ -200,7 +205,6 @@ class Service {
   void look_around();
   void take_signals(int fd);
   void start_listener();
-  void refill(bool is_idle);
 
   Event_Loop loop_;
   Partial_Files partial_files_;
@@ -210,6 +214,7 @@ class Service {
   Transfer_Sessions sessions_;
   Deadline_Watch watch_;
   std::unique_ptr<Membership> membership_;
+  Announcement announcement_;
   Tls_Listener listener_;
   Command_Router router_;
   Member_Requests member_requests_;
@@ -225,6 +230,7 @@ int Service::start(int signals_fd) {
   if (result == 0) result = socket_.start();
   if (result == -EADDRINUSE) log_line("another cluster service runs here");
   if (result == 0) result = partial_files_.clean_up();
+  if (result == 0) make_backup_folders();
   if (result == 0) result = handlers_.start();
   if (result == 0) result = bus_.start();
   if (result == 0) result = loop_.watch(bus_.fd(), [this] { bus_.process(); });
@@ -240,12 +246,9 @@ int Service::start(int signals_fd) {
 void Service::run() {
   log_line("ready");
   while (!is_to_end_) {
-    const int events = loop_.wait(next_deadline());
-    if (events < 0) break;
+    if (loop_.wait(next_deadline()) < 0) break;
     bus_.end_late_questions();
     member_requests_.end_late_commands();
-    if (events == 0) bus_.free_messages();
-    refill(events == 0);
     if (next_look_around_ <= Clock::now()) look_around();
   }
 }
@@ -257,6 +260,7 @@ void Service::take_signals(int fd) {
       handlers_.reap();
     } else if (signal.ssi_signo == SIGHUP) {
       bus_.follow_address();
+      announcement_.refresh();
     } else if (signal.ssi_signo == kRestartSignal) {
       is_to_end_ = is_to_end_ || is_restart_requested();
     } else {
@@ -269,23 +273,18 @@ void Service::take_signals(int fd) {
 // A member goes on without it: the port may be free a little later.
 void Service::start_listener() {
   const int result = listener_.start();
+  if (result == 0) announcement_.refresh();
   if (result != 0 && result != listener_trouble_) log_line("cannot listen for other appliances (%d)", result);
   listener_trouble_ = result;
 }
 
 Deadline Service::next_deadline() {
-  const Deadline next = std::min({next_look_around_, bus_.next_deadline(), member_requests_.next_deadline()});
-  if (handlers_.need_of_processes() == Handler_Runner::Need::none) return next;
-  return std::min(next, Clock::now() + (member_requests_.is_idle() ? kRefillAfter : kRefillAfterAtWork));
-}
-
-void Service::refill(bool is_idle) {
-  const Handler_Runner::Need need = handlers_.need_of_processes();
-  if (need == Handler_Runner::Need::urgent || (need == Handler_Runner::Need::some && is_idle)) handlers_.prepare();
+  return std::min({next_look_around_, bus_.next_deadline(), member_requests_.next_deadline()});
 }
 
 void Service::look_around() {
   bus_.revive();
+  bus_.free_messages();
   if (!listener_.is_started()) start_listener();
   handlers_.rest();
   socket_.drop_silent_programs();

@@ -26,6 +26,7 @@ constexpr int kLeaveMs = 5000;
 constexpr int kTellMs = 3000;
 constexpr seconds kTellAllMs(10);
 constexpr seconds kComesUp(5);
+constexpr seconds kHandOutAgainAfter(30);  // a list that the slave could not store
 
 constexpr size_t kLongestGreeting = 4096;
 constexpr int kLargestPort = 65535;
@@ -35,6 +36,10 @@ std::string reply_with_id(const std::string &id) {
   add_number(object.get(), "return", 0);
   add_text(object.get(), "slave_id", id);
   return json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
+}
+
+bool is_in(const Member_List &list, const std::string &id) {
+  return std::any_of(list.begin(), list.end(), [&id](const Member_Entry &entry) { return entry.id == id; });
 }
 
 // A code from the other side is taken for no more than it may be.
@@ -103,6 +108,7 @@ bool Master_Membership::is_up(const std::string &id) {
 void Master_Membership::look_around() {
   refresh_list();
   mark_all(false);
+  hand_out_missed_lists();
 }
 
 int Master_Membership::mark_all(bool is_ending) {
@@ -129,9 +135,11 @@ void Master_Membership::conclude() {
 Message Master_Membership::take_hello(const std::string &sender, const Message &hello) {
   const bool was_up = is_up(sender);
   const std::scoped_lock lock(mutex_);
-  const bool is_listed =
-      std::any_of(list_.begin(), list_.end(), [&sender](const Member_Entry &entry) { return entry.id == sender; });
-  if (is_listed) last_hello_[sender] = Clock::now();
+  const bool is_listed = is_in(list_, sender);
+  if (is_listed) {
+    last_hello_[sender] = Clock::now();
+    lists_told_of_[sender] = hello.more;
+  }
   if (is_listed && !was_up) wake();
   return reply_of(0, hello.text == list_digest_ || list_.empty() ? "" : list_text_);
 }
@@ -143,6 +151,55 @@ bool Master_Membership::comes_up(const std::string &id, Deadline deadline) {
     const auto entry = marked_.find(id);
     return entry != marked_.end() && entry->second;
   });
+}
+
+// A slave that was away when a share list was passed on, or joined later, gets it now.
+void Master_Membership::hand_out_missed_lists() {
+  std::map<std::string, std::string> told;
+  {
+    const std::scoped_lock lock(mutex_);
+    told.swap(lists_told_of_);
+  }
+  if (told.empty()) return;
+  const Deadline end = Clock::now() + kTellAllMs;
+  const Member_List list = current_list();
+  const Share_List_Digests own = share_lists_.look(list);
+  std::erase_if(missed_lists_, [&list](const auto &missed) { return !is_in(list, missed.first.first); });
+  for (const auto &[slave, text] : told) {
+    const Share_List_Digests theirs = parse_digests(text);
+    for (const auto &[id, digest] : own) {
+      const auto entry = theirs.find(id);
+      if (id == slave || (entry != theirs.end() && entry->second == digest)) {
+        missed_lists_.erase({slave, id});
+      } else if (is_to_be_handed_out(slave, id, digest) && remaining_ms(end) > 0) {
+        hand_out_list(slave, id);
+      }
+    }
+  }
+}
+
+// A list that differs may be on its way: it is handed out when the slave still lacks it by the next hello.
+bool Master_Membership::is_to_be_handed_out(const std::string &slave, const std::string &id,
+                                            const std::string &digest) {
+  const Clock::time_point now = Clock::now();
+  Missed_List &missed = missed_lists_[{slave, id}];
+  if (missed.digest != digest) {
+    missed = {digest, now};
+    return false;
+  }
+  if (now < missed.next_try) return false;
+  missed.next_try = now + kHandOutAgainAfter;
+  return true;
+}
+
+void Master_Membership::hand_out_list(const std::string &slave, const std::string &id) {
+  Message command;
+  Message answer;
+  int result = make_list_command(id, slave, &command);
+  command.value = kTellMs;
+  if (result == 0) result = bus_->request(slave, command, deadline_after(kTellMs), &answer);
+  if (result == 0) result = answer.value;
+  log_line("%s had missed the share list of %s; it was handed out (%d)", slave.c_str(), id.c_str(), result);
 }
 
 // Whoever is not reached asks for the list by the next hello.
@@ -318,10 +375,7 @@ Message Master_Membership::remove(const std::string &id) {
   if (!is_slave_id(id)) return reply_of(-EINVAL);
   if (id == identity_.own_name() || id == kMasterId) return reply_of(-EPERM);
   refresh_list();
-  const Member_List list = current_list();
-  const bool is_listed =
-      std::any_of(list.begin(), list.end(), [&id](const Member_Entry &entry) { return entry.id == id; });
-  if (!is_listed && !authority_.has_member(id)) return reply_of(-ENOANO);
+  if (!is_in(current_list(), id) && !authority_.has_member(id)) return reply_of(-ENOANO);
 
   // While the bus still lets it in. One that is down learns it when it returns.
   Message message;
@@ -336,6 +390,7 @@ Message Master_Membership::remove(const std::string &id) {
   {
     const std::scoped_lock lock(mutex_);
     last_hello_.erase(id);
+    lists_told_of_.erase(id);
   }
   refresh_list();
   tell_slaves(id);

@@ -6,11 +6,13 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "platform/clusterd/authority.h"
 #include "platform/clusterd/enrolment.h"
 #include "platform/clusterd/member_list.h"
 #include "platform/clusterd/membership.h"
+#include "platform/clusterd/share_lists.h"
 
 namespace tarn::platform {
 
@@ -57,6 +59,9 @@ class Master_Membership : public Membership {
   bool comes_up(const std::string &id, Deadline deadline);
   void tell_slaves(const std::string &except);
   int mark_all(bool is_ending);
+  void hand_out_missed_lists();
+  bool is_to_be_handed_out(const std::string &slave, const std::string &id, const std::string &digest);
+  void hand_out_list(const std::string &slave, const std::string &id);
 
   Authority authority_;
   std::timed_mutex changing_;  // one change of who belongs to the cluster at a time
@@ -66,7 +71,14 @@ class Master_Membership : public Membership {
   std::string list_text_;
   std::string list_digest_;
   std::map<std::string, Clock::time_point> last_hello_;
+  std::map<std::string, std::string> lists_told_of_;  // by slaves, since the thread looked last
   // Of the thread.
+  struct Missed_List {
+    std::string digest;
+    Clock::time_point next_try;
+  };
+  Share_Lists share_lists_;
+  std::map<std::pair<std::string, std::string>, Missed_List> missed_lists_;  // by slave and whose list it is
   std::map<std::string, bool> marked_;
   std::string marked_state_;
 };

@@ -77,14 +77,7 @@ int parse_list(const std::string &text, Member_List *list) {
 std::string digest_of_list(const Member_List &list) {
   Digest digest;
   for (const Member_Entry &entry : list) digest.add(entry.id + "\n");
-  const std::string bytes = digest.finish();
-  static const char digits[] = "0123456789abcdef";
-  std::string text;
-  for (const char c : bytes) {
-    text += digits[static_cast<unsigned char>(c) >> 4];
-    text += digits[static_cast<unsigned char>(c) & 15];
-  }
-  return text;
+  return digest.finish_as_text();
 }
 
 }  // namespace tarn::platform

@@ -1,6 +1,5 @@
 #include "platform/clusterd/member_records.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -273,10 +272,7 @@ void restore_lost_copies() {
 }
 
 std::string state_of_members_file() {
-  struct stat status;
-  if (stat(kMembersFile, &status) != 0) return "none";
-  return std::to_string(status.st_ino) + " " + std::to_string(status.st_size) + " " +
-         std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+  return state_of_file(kMembersFile);
 }
 
 }  // namespace tarn::platform

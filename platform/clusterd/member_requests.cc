@@ -44,7 +44,7 @@ void Member_Requests::forget(const Shared_Command &command) {
 
 void Member_Requests::finish(const Shared_Command &command) {
   Message message;
-  message.value = handlers_->finish(command->running, command->deadline, &message.text);
+  message.value = handlers_->finish(&command->running, command->deadline, &message.text);
   answer(command->bytes, message);
 }
 

@@ -29,8 +29,6 @@ class Member_Requests {
   Deadline next_deadline() const;
   void end_late_commands();
 
-  bool is_idle() const { return at_work_.empty(); }
-
   // Drops what has not been answered and returns when no thread has a request any more.
   void stop();
 

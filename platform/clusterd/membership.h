@@ -22,6 +22,7 @@ struct Membership_Options {
   std::string authority_folder;  // of the master
   std::string setup_program;     // which keeps it
   std::string run_folder;
+  std::string announcement;  // the file
 };
 
 class Membership {

@@ -69,6 +69,9 @@ void Slave_Membership::say_hello() {
   Message hello;
   hello.kind = Wire_Kind::hello;
   hello.text = digest_of_list(list);
+  Share_List_Digests share_lists = share_lists_.look(list);
+  share_lists.erase(identity_.slave_id);  // which the master has from here
+  hello.more = text_of_digests(share_lists);
   Message answer;
   const int result = bus_->request(kMasterId, hello, deadline_after(kHelloMs), &answer);
   const auto now = Clock::now();

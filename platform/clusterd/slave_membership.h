@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/clusterd/membership.h"
+#include "platform/clusterd/share_lists.h"
 
 namespace tarn::platform {
 
@@ -39,6 +40,7 @@ class Slave_Membership : public Membership {
   Clock::time_point cut_off_since_;
   Clock::time_point next_question_;
   std::string marked_state_;
+  Share_Lists share_lists_;
   bool is_marked_up_ = false;
 };
 

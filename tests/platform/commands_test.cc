@@ -9,6 +9,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <map>
 
 #include "tarncluster_util.h"
 #include "tests/platform/member.h"
@@ -16,7 +18,9 @@
 namespace tarn::test {
 namespace {
 
+using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 
 class Commands : public testing::Test {
  protected:
@@ -124,6 +128,40 @@ TEST_F(Commands, what_a_handler_leaves_running_does_not_hold_its_reply_and_lives
   Temporary_Folder folder;
   EXPECT_EQ(call_slave("Leave_Worker_Cb", folder / "done", 30000).reply, "left");
   EXPECT_TRUE(comes_true([&] { return exists(folder / "done"); }));
+}
+
+// Answers how many commands each process says to have carried out by then.
+std::map<int, int> commands_by_process(int calls, const std::function<Outcome()> &call) {
+  std::map<int, int> commands;
+  for (int i = 0; i < calls; ++i) {
+    int process = 0;
+    int count = 0;
+    const Outcome outcome = call();
+    EXPECT_EQ(sscanf(outcome.reply.c_str(), "%d %d", &process, &count), 2) << outcome.code;
+    EXPECT_GT(count, commands[process]);
+    commands[process] = count;
+  }
+  return commands;
+}
+
+TEST_F(Commands, process_that_answered_takes_further_ones_but_not_for_ever) {
+  const auto commands = commands_by_process(250, [] { return call_slave("Process_Cb", ""); });
+  EXPECT_LT(commands.size(), 100U);
+  for (const auto &[process, count] : commands) EXPECT_LE(count, 100);
+}
+
+TEST_F(Commands, process_of_a_handler_that_left_something_running_takes_no_further_one) {
+  const int process = atoi(call_slave("Leave_Orphan_Cb", "").reply.c_str());
+  ASSERT_GT(process, 0);
+  EXPECT_THAT(commands_by_process(20, [] { return call_slave("Process_Cb", ""); }),
+              Not(Contains(testing::Key(process))));
+}
+
+TEST_F(Commands, process_that_gave_no_reply_takes_no_further_one) {
+  const auto before = commands_by_process(20, [] { return call_slave("Process_Cb", ""); });
+  for (int i = 0; i < 20; ++i) call_slave("Nothing_Cb", "");
+  const auto after = commands_by_process(20, [] { return call_slave("Process_Cb", ""); });
+  for (const auto &[process, count] : before) EXPECT_THAT(after, Not(Contains(testing::Key(process))));
 }
 
 TEST_F(Commands, unknown_handler) {

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" {
@@ -59,6 +60,28 @@ char *Leave_Worker_Cb(const char *path) {
     _exit(0);
   }
   return strdup("left");
+}
+
+// Answers with its process's id, and which of this process's commands it is.
+char *Process_Cb(const char *) {
+  static int commands = 0;
+  char text[64];
+  snprintf(text, sizeof(text), "%d %d", getpid(), ++commands);
+  return strdup(text);
+}
+
+// Leaves a process behind whose own parent is gone, and answers with its process's id.
+char *Leave_Orphan_Cb(const char *) {
+  const pid_t child = fork();
+  if (child == 0) {
+    if (fork() != 0) _exit(0);
+    sleep(30);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  char text[32];
+  snprintf(text, sizeof(text), "%d", getpid());
+  return strdup(text);
 }
 
 // Answers with as many characters as the argument says.

@@ -3,12 +3,9 @@
 //
 // usage: echo_overhead [--check] [ROUNDS]
 // With --check the exit status is 1 when the bound does not hold.
-#include <nats/nats.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -16,6 +13,7 @@
 
 #include "tarncluster_util.h"
 #include "tests/platform/member.h"
+#include "tests/storm/bare_requests.h"
 
 namespace tarn::test {
 namespace {
@@ -23,68 +21,17 @@ namespace {
 constexpr double kBound = 1.5;
 constexpr char kText[] = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
-// As a cluster service connects.
-natsConnection *connect_as(const Cluster &cluster, const std::string &id) {
-  const std::string folder = cluster.certificates_of(id);
-  const std::string inbox = "tarn.inbox." + id;
-  natsOptions *options = nullptr;
-  natsConnection *connection = nullptr;
-  natsOptions_Create(&options);
-  natsOptions_SetURL(options, "tls://127.0.0.1:4222");
-  natsOptions_SetSecure(options, true);
-  natsOptions_LoadCATrustedCertificates(options, (cluster.store() + "/ca.crt").c_str());
-  natsOptions_LoadCertificatesChain(options, (folder + "/member.crt").c_str(), (folder + "/member.key").c_str());
-  natsOptions_SetExpectedHostname(options, "tarncluster-bus");
-  natsOptions_SetCustomInboxPrefix(options, inbox.c_str());
-  natsOptions_SetSendAsap(options, true);
-  const natsStatus status = natsConnection_Connect(&connection, options);
-  natsOptions_Destroy(options);
-  if (status == NATS_OK) return connection;
-  fprintf(stderr, "cannot connect as %s: %s\n", id.c_str(), natsStatus_GetText(status));
-  _exit(1);
-}
-
-void answer(natsConnection *connection, natsSubscription *, natsMsg *message, void *) {
-  natsConnection_Publish(connection, natsMsg_GetReply(message), natsMsg_GetData(message),
-                         natsMsg_GetDataLength(message));
-  natsMsg_Destroy(message);
-}
-
-void answer_for_ever(const Cluster &cluster) {
-  natsConnection *connection = connect_as(cluster, "S2");
-  natsSubscription *subscription = nullptr;
-  if (natsConnection_Subscribe(&subscription, connection, "tarn.slave.S2", answer, nullptr) != NATS_OK) _exit(1);
-  for (;;) pause();
-}
-
-template <typename Step>
-double microseconds_of(const Step &step) {
-  const auto start = std::chrono::steady_clock::now();
-  if (!step()) {
-    fprintf(stderr, "a request failed\n");
-    _exit(1);
-  }
-  return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
-}
-
-double median(std::vector<double> *times) {
-  std::nth_element(times->begin(), times->begin() + static_cast<ptrdiff_t>(times->size() / 2), times->end());
-  return (*times)[times->size() / 2];
+Bus_Place place_of(const Cluster &cluster, const std::string &id) {
+  return {.authority = cluster.store() + "/ca.crt", .certificate = cluster.certificates_of(id)};
 }
 
 // Answers whether the bound holds.
 bool measure(const Cluster &cluster, int rounds) {
-  natsConnection *connection = connect_as(cluster, "0");
+  natsConnection *connection = connect_as("0", place_of(cluster, "0"));
   // The bytes that the services exchange for the same text: header, command object and argument object.
   const std::string payload =
-      std::string(32, 'h') + handler_of_slave("S1", "Tarn_Cluster_Test_Cb") + R"({ "Test": ")" + kText + "\" }";
-  const auto ask = [&] {
-    natsMsg *reply = nullptr;
-    const natsStatus status = natsConnection_Request(&reply, connection, "tarn.slave.S2", payload.data(),
-                                                     static_cast<int>(payload.size()), 30000);
-    natsMsg_Destroy(reply);
-    return status == NATS_OK;
-  };
+      command_bytes(handler_of_slave("S1", "Tarn_Cluster_Test_Cb"), std::string(R"({ "Test": ")") + kText + "\" }");
+  const auto ask_bare = [&] { return !ask(connection, "tarn.slave.S2", payload).empty(); };
   const auto echo = [] {
     char *reply = nullptr;
     const int code = Tarn_Cluster_Test(0, "S1", kText, &reply);
@@ -98,13 +45,13 @@ bool measure(const Cluster &cluster, int rounds) {
   };
   const auto refused_here = [&] { return command(R"({"op_code": 1, "slave_id": "*", "fname": "x"})", -EINVAL); };
   const auto refused_there = [&] { return command(R"({"op_code": 99, "slave_id": "S1"})", -ENOSYS); };
-  for (int i = 0; i < 100; ++i) microseconds_of([&] { return ask() && echo(); });
+  for (int i = 0; i < 100; ++i) microseconds_of([&] { return ask_bare() && echo(); });
   std::vector<double> bare;
   std::vector<double> ours;
   std::vector<double> here;
   std::vector<double> there;
   for (int i = 0; i < rounds; ++i) {
-    bare.push_back(microseconds_of(ask));
+    bare.push_back(microseconds_of(ask_bare));
     ours.push_back(microseconds_of(echo));
     here.push_back(microseconds_of(refused_here));
     there.push_back(microseconds_of(refused_there));
@@ -132,7 +79,8 @@ int main(int count, char **arguments) {
     return 2;
   }
   Pair_Of_Members members;
-  const Process responder = members.master.start_on_member([&] { answer_for_ever(members.cluster); });
+  const Process responder = members.master.start_on_member(
+      [&] { answer_for_ever(connect_as("S2", place_of(members.cluster, "S2")), "tarn.slave.S2"); });
   usleep(500000);
   Process meter = members.master.start_on_member([&] {
     const bool holds = measure(members.cluster, rounds);
