@@ -482,8 +482,10 @@ void Bus::answer(const Nats_Message &request, const Message &message) {
 }
 
 void Bus::free_later(const Nats_Message &message) {
-  if (!message || std::this_thread::get_id() != loop_thread_ || spent_.size() >= kMessagesKept) return;
-  if (natsMsg_GetDataLength(message.get()) <= kLongestKept) spent_.push_back(message);
+  if (!message || std::this_thread::get_id() != loop_thread_) return;
+  if (natsMsg_GetDataLength(message.get()) > kLongestKept) return;
+  if (spent_.size() >= kMessagesKept) free_messages();
+  spent_.push_back(message);
 }
 
 // What another thread publishes is written by the loop's, which is woken for it.

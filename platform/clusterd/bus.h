@@ -121,7 +121,7 @@ class Bus {
   void answer(const Nats_Message &request, const Message &message);
 
   // The client frees messages on a thread of its own, which is woken for each. Small ones are kept until this is
-  // called, now and then.
+  // called, now and then, or there are many: so it is woken once for all of them.
   void free_messages() { spent_.clear(); }
 
   // Channels of a file transfer, for the asking and the answering side; the session's name is the answering side's.

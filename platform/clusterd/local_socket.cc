@@ -73,6 +73,8 @@ void Local_Socket::accept_programs() {
     const auto program = std::make_shared<Program>(Program{Descriptor(fd), deadline_after(kHandOverMs), {}});
     if (!is_own_user(fd)) {
       send_message(fd, reply_of(-EACCES), deadline_after(1));
+    } else if (arrival_at(fd) == Arrival::whole) {
+      begin_request(program);
     } else if (silent_.size() >= kRequestsWaiting ||
                loop_->watch(fd, [this, program] { take_request(program); }) != 0) {
       send_message(fd, reply_of(-EBUSY), deadline_after(1));
@@ -82,17 +84,20 @@ void Local_Socket::accept_programs() {
   }
 }
 
-// The usual request is there as a whole. What comes piece by piece is left to a thread.
+// The usual request is there as a whole, even as soon as its program is. What comes piece by piece is left to a thread.
 void Local_Socket::take_request(const Shared_Program &program) {
   const int fd = program->socket.get();
   const Arrival arrival = arrival_at(fd);
   if (arrival == Arrival::nothing) return;
   loop_->forget(fd);
   silent_.erase(fd);
-  if (arrival == Arrival::whole) {
-    if (!read_request(program)) return;
-    if (first_(*program->request, [this, program](Message &&answer) { hand_over(program, std::move(answer)); })) return;
-  }
+  if (arrival == Arrival::whole) return begin_request(program);
+  submit(program, [this, program] { serve(program); });
+}
+
+void Local_Socket::begin_request(const Shared_Program &program) {
+  if (!read_request(program)) return;
+  if (first_(*program->request, [this, program](Message &&answer) { hand_over(program, std::move(answer)); })) return;
   submit(program, [this, program] { serve(program); });
 }
 

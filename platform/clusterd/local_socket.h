@@ -51,6 +51,7 @@ class Local_Socket {
 
   void accept_programs();
   void take_request(const Shared_Program &program);
+  void begin_request(const Shared_Program &program);
   static bool read_request(const Shared_Program &program);
   void serve(const Shared_Program &program);
   void submit(const Shared_Program &program, Worker_Pool::Task task);
