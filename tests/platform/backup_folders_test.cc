@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <string>
 
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
@@ -28,7 +29,11 @@ class Backup_Folders : public testing::Test {
   ~Backup_Folders() override { clean_up(); }
 
   static void clean_up() {
-    for (const auto &entry : std::filesystem::directory_iterator("/tmp")) std::filesystem::remove_all(entry.path());
+    // The tree itself may lie in /tmp.
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with("druvosrv") || name == "elsewhere") std::filesystem::remove_all(entry.path());
+    }
     std::filesystem::remove_all("/etc/config/tarn_cluster");
   }
 
