@@ -1,6 +1,7 @@
 // Owners of descriptors, streams and heap memory: what they hold goes back on every path out.
 #pragma once
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,6 +27,8 @@ using Heap_Text = Heap<char>;
 
 // Closes quietly; who must know whether closing worked calls fclose(stream.release()).
 using Stream = std::unique_ptr<FILE, Give_Back<std::fclose>>;
+
+using Folder = std::unique_ptr<DIR, Give_Back<closedir>>;
 
 class Descriptor {
  public:

@@ -19,8 +19,6 @@
 namespace tarn {
 namespace {
 
-using Folder = std::unique_ptr<DIR, Give_Back<closedir>>;
-
 constexpr int first_capacity = 64;
 constexpr int line_limit = 4095;
 constexpr int climb_limit = 4194304;  // the kernel's greatest number of processes: a climb that long is a circle

@@ -7,10 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
-#include "foundation/owners.h"
+#include "foundation/program.h"
 #include "foundation/report.h"
 
 static_assert(offsetof(Block_Device, type2) == 32);
@@ -31,8 +30,6 @@ constexpr int type_room = 12;
 constexpr size_t fact_size = 32;
 constexpr size_t model_room = 32;
 constexpr size_t vendor_room = fact_size + 1;
-
-using Command = std::unique_ptr<FILE, Give_Back<pclose>>;
 
 // The tool's lines, each as far as it has room. The rest of a long one is dropped, and so is what stands behind a NUL:
 // a label cannot pose as a line.

@@ -1,7 +1,6 @@
 // The table of mounted file systems, and the folder of the shares.
 #pragma once
 
-#include <dirent.h>
 #include <mntent.h>
 
 #include <cstring>
@@ -18,7 +17,6 @@ inline constexpr size_t share_prefix_length = sizeof share_prefix - 1;
 
 using Mount_Table = std::unique_ptr<FILE, Give_Back<endmntent>>;
 using Mount_List = std::unique_ptr<Mount_Info, Give_Back<Free_Mount_Info>>;
-using Folder = std::unique_ptr<DIR, Give_Back<closedir>>;
 
 inline bool lies_below_share(const char *path) {
   return strncmp(path, share_prefix, share_prefix_length) == 0;

@@ -1,5 +1,6 @@
 #include "sysinfo/mounts.h"
 
+#include <dirent.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
